@@ -1,0 +1,12 @@
+# Sanitizer builds apply to everything we compile, tests and benchmarks included.
+if(VQ_SANITIZE AND VQ_TSAN)
+  message(FATAL_ERROR "VQ_SANITIZE and VQ_TSAN cannot be combined")
+endif()
+if(VQ_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(VQ_TSAN)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()

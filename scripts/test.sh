@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs every test suite twice:
+# a normal build and an AddressSanitizer + UndefinedBehaviorSanitizer build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup-deps.sh
+
+JOBS=${JOBS:-$(nproc)}
+export CCACHE_DIR=${CCACHE_DIR:-$HOME/.cache/vq_graph-ccache}
+export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+
+run_build() {
+  local dir=$1; shift
+  echo "=== build $dir ($*)"
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+  cmake --build "$dir" -j "$JOBS"
+  echo "=== test $dir"
+  ctest --test-dir "$dir" -j "$JOBS" --output-on-failure
+}
+
+run_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_build build-asan -DCMAKE_BUILD_TYPE=Debug -DVQ_SANITIZE=ON -DVQ_BUILD_BENCH=OFF

@@ -1,0 +1,80 @@
+#include "mpegcore/BaseMpegTable.h"
+
+#include <cstring>
+
+namespace mpegcore {
+
+CBaseMpegTable::CBaseMpegTable(unsigned char* buffer, unsigned long size)
+    : m_pDataTable(buffer), m_lMaxSize(size) {
+    if (!buffer) {
+        m_pDataTable = new unsigned char[size ? size : 1]();
+        m_bSelfAlloc = 1;
+    }
+}
+
+CBaseMpegTable::~CBaseMpegTable() {
+    if (m_bSelfAlloc)
+        delete[] m_pDataTable;
+}
+
+void CBaseMpegTable::Clear() {
+    if (m_pDataTable)
+        std::memset(m_pDataTable, 0, m_lMaxSize);
+    m_lSizeTable = 0;
+}
+
+bool CBaseMpegTable::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
+    if (reader.m_sizeCache == 0)
+        return true;
+    table_id = 0;
+    if (reader.getBits<8>(table_id) && reader.getBits<1>(section_syntax_indicator) &&
+        reader.getBits<1>(zero) && reader.getBits<2>(reserved) && reader.getBits<12>(section_length))
+        section_length &= 0xFFF;
+    return true;
+}
+
+bool CBaseMpegTable::write(VQSDK::VQBSWriterT<unsigned char*>& writer) {
+    section_length = calc_section_length();
+    writer.putBits<8>(table_id);
+    writer.putBits<1>(section_syntax_indicator);
+    writer.putBits<1>(zero);
+    writer.putBits<2>(reserved);
+    writer.putBits<12>(section_length);
+    return true;
+}
+
+uint16_t CBaseMpegTable::calc_section_length() const {
+    return section_length;
+}
+
+BOOL CBaseMpegTable::AddData(const unsigned char* data, unsigned long size) {
+    if (!m_pDataTable || m_lSizeTable + size >= m_lMaxSize)
+        return 0;
+    std::memcpy(m_pDataTable + m_lSizeTable, data, size);
+    m_lSizeTable += size;
+    return 1;
+}
+
+bool CBaseMpegTable::isCompleteWithValidCRC(const unsigned char* start,
+                                            const VQSDK::VQBSReaderT<unsigned char*>& reader) const {
+    if (section_length > reader.getLength())
+        return false;
+    return crc32_mpeg2(start, size_t(section_length) + 3) == 0;
+}
+
+uint32_t CBaseMpegTable::finishRender(VQSDK::VQBSWriterT<unsigned char*>& writer) {
+    writer.flush();
+    // The CRC covers header and body: section_length + 3 - 4 bytes, bounded by the buffer.
+    size_t covered = section_length >= 1 ? size_t(section_length) - 1 : 0;
+    if (covered > m_lMaxSize)
+        covered = m_lMaxSize;
+    const uint32_t crc = crc32_mpeg2(m_pDataTable, covered);
+    const size_t crcAt = size_t(section_length) - 1;
+    for (size_t i = 0; i < 4; ++i)
+        if (section_length >= 1 && crcAt + i < m_lMaxSize)
+            m_pDataTable[crcAt + i] = static_cast<unsigned char>(crc >> (24 - 8 * i));
+    m_lSizeTable = size_t(section_length) + 3;
+    return crc;
+}
+
+}  // namespace mpegcore
