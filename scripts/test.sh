@@ -22,3 +22,11 @@ run_build() {
 
 run_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_build build-asan -DCMAKE_BUILD_TYPE=Debug -DVQ_SANITIZE=ON -DVQ_BUILD_BENCH=OFF
+
+# Suites labelled "tsan" (the multi-threaded ones) also run under ThreadSanitizer.
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
+echo "=== build build-tsan"
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVQ_TSAN=ON -DVQ_BUILD_BENCH=OFF >/dev/null
+cmake --build build-tsan -j "$JOBS"
+echo "=== test build-tsan"
+ctest --test-dir build-tsan -j "$JOBS" -L tsan --output-on-failure --no-tests=ignore

@@ -59,7 +59,12 @@ bool CBaseMpegTable::isCompleteWithValidCRC(const unsigned char* start,
                                             const VQSDK::VQBSReaderT<unsigned char*>& reader) const {
     if (section_length > reader.getLength())
         return false;
-    return crc32_mpeg2(start, size_t(section_length) + 3) == 0;
+    // A header cut short leaves fewer than 3 bytes behind start: never read past the data.
+    const size_t available = size_t(reader.m_data + reader.m_length - start);
+    const size_t sectionSize = size_t(section_length) + 3;
+    if (sectionSize > available)
+        return false;
+    return crc32_mpeg2(start, sectionSize) == 0;
 }
 
 uint32_t CBaseMpegTable::finishRender(VQSDK::VQBSWriterT<unsigned char*>& writer) {
