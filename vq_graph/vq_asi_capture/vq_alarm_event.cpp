@@ -1,0 +1,43 @@
+#include "vq_asi_capture/vq_alarm_event.h"
+
+vq_alarm_event::vq_alarm_event(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
+                               const std::string& source, const std::string& description,
+                               uint32_t stream_type, uint32_t stream_pid)
+    : vq_i_alarm_event(code, level, source, description, stream_type, stream_pid),
+      m_time_point(std::chrono::steady_clock::now()),
+      m_duration(duration) {}
+
+bool vq_alarm_event::check() {
+    std::lock_guard<std::mutex> lock(m_csData);
+    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
+        std::chrono::steady_clock::now() - m_time_point.load());
+    if (elapsed > m_duration) {
+        m_bAlarm = true;
+        if (!m_data.active) {
+            m_data.reg_time = current_reg_time();
+            ++m_data.count;
+        }
+        m_data.active = true;
+    } else {
+        m_data.active = false;
+    }
+    return m_bAlarm;
+}
+
+void vq_alarm_event::reset() {
+    event(0);
+    std::lock_guard<std::mutex> lock(m_csData);
+    m_data.count = 0;
+    // Cleared together with the sticky flag: event() relies on "not raised" meaning "not active".
+    m_data.active = false;
+    m_bAlarm = false;
+}
+
+void vq_alarm_event::event(long) {
+    m_time_point = std::chrono::steady_clock::now();
+    // Only check() sets active, and it raises m_bAlarm first under the same lock.
+    if (m_bAlarm) {
+        std::lock_guard<std::mutex> lock(m_csData);
+        m_data.active = false;
+    }
+}
