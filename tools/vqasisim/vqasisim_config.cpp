@@ -1,0 +1,268 @@
+#include "vqasisim_config.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+namespace vqasisim {
+namespace {
+
+constexpr uint64_t kFrameNs = 20000000;  // one frame per 20 ms of stream
+constexpr uint64_t kFramesPerSecond = 50;
+
+const char* env(const char* name) {
+    const char* v = std::getenv(name);
+    return v && *v ? v : nullptr;
+}
+
+bool parse_uint(const std::string& text, uint64_t& value) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    errno = 0;
+    char* end = nullptr;
+    unsigned long long v = std::strtoull(text.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0')
+        return false;
+    value = v;
+    return true;
+}
+
+void warn(std::string& warnings, const char* name, const std::string& value, const char* expected) {
+    warnings += std::string(name) + "='" + value + "' ignored: expected " + expected + "\n";
+}
+
+void read_uint(const char* name, uint64_t min, uint64_t max, uint64_t& target, std::string& warnings) {
+    const char* v = env(name);
+    if (!v)
+        return;
+    uint64_t value = 0;
+    if (parse_uint(v, value) && value >= min && value <= max)
+        target = value;
+    else
+        warn(warnings, name, v, ("a whole number from " + std::to_string(min) + " to " + std::to_string(max)).c_str());
+}
+
+void read_every_count(const char* name, every_count& target, std::string& warnings) {
+    const char* v = env(name);
+    if (!v)
+        return;
+    std::string text(v);
+    size_t colon = text.find(':');
+    every_count ec;
+    if (colon != std::string::npos && parse_uint(text.substr(0, colon), ec.every) &&
+        parse_uint(text.substr(colon + 1), ec.count) && ec.every > 0 && ec.count > 0)
+        target = ec;
+    else
+        warn(warnings, name, text, "EVERY:COUNT, both above 0");
+}
+
+bool parse_signal_kind(const std::string& name, signal_kind& kind) {
+    static const signal_kind kinds[] = {signal_kind::ok,      signal_kind::no_data, signal_kind::no_link,
+                                        signal_kind::no_lock, signal_kind::range,   signal_kind::unknown};
+    for (signal_kind k : kinds) {
+        if (name == signal_name(k)) {
+            kind = k;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool parse_signal(const std::string& text, std::vector<signal_step>& steps) {
+    for (const std::string& item : split(text, ',')) {
+        signal_step step;
+        size_t colon = item.find(':');
+        if (!parse_signal_kind(item.substr(0, colon), step.kind))
+            return false;
+        if (colon != std::string::npos) {
+            char* end = nullptr;
+            std::string seconds = item.substr(colon + 1);
+            step.seconds = std::strtod(seconds.c_str(), &end);
+            if (seconds.empty() || *end != '\0' || !(step.seconds > 0) || !std::isfinite(step.seconds))
+                return false;
+        }
+        steps.push_back(step);
+    }
+    return !steps.empty();
+}
+
+struct errno_name {
+    const char* name;
+    int value;
+};
+const errno_name kErrnoNames[] = {{"EINVAL", EINVAL}, {"EBUSY", EBUSY},   {"EIO", EIO},       {"ENOMEM", ENOMEM},
+                                  {"ENODEV", ENODEV}, {"ENOTTY", ENOTTY}, {"EAGAIN", EAGAIN}, {"EPERM", EPERM},
+                                  {"EACCES", EACCES}, {"ENOENT", ENOENT}, {"EFAULT", EFAULT}, {"ENOSPC", ENOSPC}};
+
+bool parse_errno(const std::string& text, int& error) {
+    for (const errno_name& e : kErrnoNames) {
+        if (text == e.name) {
+            error = e.value;
+            return true;
+        }
+    }
+    uint64_t value = 0;
+    if (!parse_uint(text, value) || value == 0 || value > 4095)
+        return false;
+    error = int(value);
+    return true;
+}
+
+// NAME[@N][=ERRNO], NAME with or without its VIDIOC_ prefix.
+bool parse_fail_rule(const std::string& item, fail_rule& rule) {
+    std::string text = item;
+    rule.error = EINVAL;
+    size_t eq = text.find('=');
+    if (eq != std::string::npos) {
+        if (!parse_errno(text.substr(eq + 1), rule.error))
+            return false;
+        text.resize(eq);
+    }
+    size_t at = text.find('@');
+    if (at != std::string::npos) {
+        if (!parse_uint(text.substr(at + 1), rule.from_call) || rule.from_call == 0)
+            return false;
+        text.resize(at);
+    }
+    for (char& c : text)
+        c = char(std::toupper(static_cast<unsigned char>(c)));
+    if (text.rfind("VIDIOC_", 0) == 0)
+        text.erase(0, 7);
+    rule.name = text;
+    return !rule.name.empty();
+}
+
+}  // namespace
+
+const char* signal_name(signal_kind kind) {
+    switch (kind) {
+        case signal_kind::ok:
+            return "ok";
+        case signal_kind::no_data:
+            return "nodata";
+        case signal_kind::no_link:
+            return "nolink";
+        case signal_kind::no_lock:
+            return "nolock";
+        case signal_kind::range:
+            return "range";
+        case signal_kind::unknown:
+            return "unknown";
+    }
+    return "unknown";
+}
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find(separator, start);
+        if (end == std::string::npos)
+            end = text.size();
+        if (end > start)
+            parts.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return parts;
+}
+
+uint64_t config::frame_interval_ns() const {
+    if (bitrate == 0)
+        return kFrameNs;
+    return uint64_t((unsigned __int128)frame_size * 8 * 1000000000u / bitrate);
+}
+
+std::string config::input_for(size_t device_index) const {
+    if (inputs.empty())
+        return std::string();
+    return device_index < inputs.size() ? inputs[device_index] : inputs.front();
+}
+
+signal_kind config::signal_at(double seconds) const {
+    double total = 0;
+    for (const signal_step& step : signal) {
+        if (step.seconds < 0)
+            break;
+        total += step.seconds;
+    }
+    for (;;) {
+        for (const signal_step& step : signal) {
+            if (step.seconds < 0 || seconds < step.seconds)
+                return step.kind;
+            seconds -= step.seconds;
+        }
+        // Every step has a length: the script repeats.
+        if (signal.empty() || total <= 0)
+            return signal_kind::ok;
+        seconds = std::fmod(seconds, total);
+    }
+}
+
+std::vector<std::string> configured_devices() {
+    const char* v = env("VQASISIM_DEVICE");
+    return v ? split(v, ',') : std::vector<std::string>();
+}
+
+config read_config(std::string& warnings) {
+    config c;
+    c.devices = configured_devices();
+    if (const char* v = env("VQASISIM_INPUT"))
+        c.inputs = split(v, ',');
+
+    uint64_t value = 0;
+    read_uint("VQASISIM_BITRATE", 8000, 10000000000ull, c.bitrate, warnings);
+    value = 0;
+    read_uint("VQASISIM_FRAME_SIZE", 1, 64u << 20, value, warnings);
+    if (value != 0)
+        c.frame_size = uint32_t(value);
+    else if (c.bitrate != 0)
+        c.frame_size = uint32_t(std::max<uint64_t>(1, c.bitrate / 8 / kFramesPerSecond));
+
+    if (const char* v = env("VQASISIM_PACING")) {
+        if (std::strcmp(v, "realtime") == 0 || std::strcmp(v, "fast") == 0)
+            c.realtime = std::strcmp(v, "realtime") == 0;
+        else
+            warn(warnings, "VQASISIM_PACING", v, "realtime or fast");
+    }
+    value = c.multi_planar;
+    read_uint("VQASISIM_MPLANE", 0, 1, value, warnings);
+    c.multi_planar = value != 0;
+    value = c.max_buffers;
+    read_uint("VQASISIM_BUFFERS", 1, 64, value, warnings);
+    c.max_buffers = uint32_t(value);
+
+    if (const char* v = env("VQASISIM_SIGNAL")) {
+        if (!parse_signal(v, c.signal)) {
+            c.signal.clear();
+            warn(warnings, "VQASISIM_SIGNAL", v, "STATE[:SECONDS],... with states ok nodata nolink nolock range unknown");
+        }
+    }
+    read_every_count("VQASISIM_SEQ_GAP", c.seq_gap, warnings);
+    read_every_count("VQASISIM_GARBAGE", c.garbage, warnings);
+    read_every_count("VQASISIM_EMPTY", c.empty, warnings);
+    read_uint("VQASISIM_CC_ERRORS", 2, UINT64_MAX, c.cc_every, warnings);
+    value = c.packet_size;
+    read_uint("VQASISIM_PACKET_SIZE", 188, 204, value, warnings);
+    if (value == 188 || value == 204)
+        c.packet_size = unsigned(value);
+    else
+        warn(warnings, "VQASISIM_PACKET_SIZE", std::to_string(value), "188 or 204");
+
+    if (const char* v = env("VQASISIM_FAIL")) {
+        for (const std::string& item : split(v, ',')) {
+            fail_rule rule;
+            if (parse_fail_rule(item, rule))
+                c.fails.push_back(rule);
+            else
+                warn(warnings, "VQASISIM_FAIL", item, "NAME[@N][=ERRNO]");
+        }
+    }
+    if (const char* v = env("VQASISIM_SUMMARY"))
+        c.summary_path = v;
+    return c;
+}
+
+}  // namespace vqasisim
