@@ -34,12 +34,13 @@ bool CBaseMpegTable::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
 }
 
 bool CBaseMpegTable::write(VQSDK::VQBSWriterT<unsigned char*>& writer) {
+    // The writer does not mask, so each value is cut to its field here.
     section_length = calc_section_length();
     writer.putBits<8>(table_id);
-    writer.putBits<1>(section_syntax_indicator);
-    writer.putBits<1>(zero);
-    writer.putBits<2>(reserved);
-    writer.putBits<12>(section_length);
+    writer.putBits<1>(uint8_t(section_syntax_indicator & 0x1));
+    writer.putBits<1>(uint8_t(zero & 0x1));
+    writer.putBits<2>(uint8_t(reserved & 0x3));
+    writer.putBits<12>(uint16_t(section_length & 0xFFF));
     return true;
 }
 

@@ -1,0 +1,76 @@
+#include "mpegcore/PAT.h"
+
+#include "mpegcore/MpegMisc.h"
+
+namespace mpegcore {
+
+void CPAT::Clear() {
+    CBaseMpegTable::Clear();
+    program_map.clear();
+}
+
+bool CPAT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
+    const unsigned char* start = reader.getData();
+    if (!CMpegMisc::read_section_header(*this, reader) || !isCompleteWithValidCRC(start, reader))
+        return false;
+    if (!(reader.getBits<16>(transport_stream_id) && reader.getBits<2>(reserved1) &&
+          reader.getBits<5>(version_number) && reader.getBits<1>(current_next_indicator) &&
+          reader.getBits<8>(section_number) && reader.getBits<8>(last_section_number)))
+        return false;
+    if (section_length > 12) {
+        const int entries = (section_length - 9) / 4;
+        for (int i = 0; i < entries; ++i) {
+            CBaseMpegProgram program;
+            uint16_t pid = 0;
+            if (!(reader.getBits<16>(program.program_number) && reader.getBits<3>(program.reserved) &&
+                  reader.getBits<13>(pid)))
+                return false;
+            program.map_PID.program_map_PID = pid;
+            program_map[pid] = program;  // the last entry for a PID wins
+        }
+    }
+    return reader.getBits<32>(CRC);
+}
+
+uint16_t CPAT::calc_section_length() const {
+    return static_cast<uint16_t>(9 + 4 * program_map.size());
+}
+
+void CPAT::RenderTable() {
+    VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
+    write(writer);
+    CMpegMisc::put_bits<16>(writer, transport_stream_id);
+    CMpegMisc::put_bits<2>(writer, reserved1);
+    CMpegMisc::put_bits<5>(writer, version_number);
+    CMpegMisc::put_bits<1>(writer, current_next_indicator);
+    CMpegMisc::put_bits<8>(writer, section_number);
+    CMpegMisc::put_bits<8>(writer, last_section_number);
+    for (const auto& [pid, program] : program_map) {
+        CMpegMisc::put_bits<16>(writer, program.program_number);
+        CMpegMisc::put_bits<3>(writer, program.reserved);
+        CMpegMisc::put_bits<13>(writer, pid);
+    }
+    CRC = finishRender(writer);
+}
+
+void CPAT::copyTo(CPAT* target) const {
+    CMpegMisc::copy_section_header(*this, *target);
+    target->transport_stream_id = transport_stream_id;
+    target->reserved1 = reserved1;
+    target->version_number = version_number;
+    target->current_next_indicator = current_next_indicator;
+    target->section_number = section_number;
+    target->last_section_number = last_section_number;
+    target->program_map = program_map;
+    target->CRC = CRC;
+}
+
+int CPAT::operator!=(const CPAT& other) const {
+    return table_id != other.table_id || section_syntax_indicator != other.section_syntax_indicator ||
+           zero != other.zero || section_length != other.section_length ||
+           transport_stream_id != other.transport_stream_id || version_number != other.version_number ||
+           current_next_indicator != other.current_next_indicator || section_number != other.section_number ||
+           last_section_number != other.last_section_number || program_map.size() != other.program_map.size();
+}
+
+}  // namespace mpegcore
