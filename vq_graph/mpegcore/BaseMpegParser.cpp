@@ -1,0 +1,390 @@
+#include "mpegcore/BaseMpegParser.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "mpegcore/MpegDescriptors.h"
+
+namespace mpegcore {
+
+namespace {
+
+constexpr unsigned char kSyncByte = 0x47;
+constexpr unsigned long kTablePSIBuffer = 1024;
+constexpr unsigned long kTableSIBuffer = 4096;
+constexpr size_t kTailAlign = 8;
+constexpr uint8_t kCATag = 0x09;
+
+// PIDs with sections (ISO/IEC 13818-1, ETSI EN 300 468).
+enum : uint16_t {
+    kPidPAT = 0x0000,
+    kPidCAT = 0x0001,
+    kPidTSDT = 0x0002,
+    kPidNIT = 0x0010,
+    kPidSDT = 0x0011,
+    kPidEIT = 0x0012,
+    kPidTDT = 0x0014,
+};
+
+// Whether a CA descriptor of the list points at pid.
+bool listsCaPid(const VQDescriptorList& list, uint16_t pid) {
+    for (const auto& d : list.descriptor) {
+        if (d->descriptor_tag != kCATag)
+            continue;
+        const auto* ca = dynamic_cast<const CA_descriptor*>(d.get());
+        if (ca && ca->CA_PID == pid)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+CBaseMpegParser::CBaseMpegParser(bool useTail)
+    : m_PAT(kTablePSIBuffer),
+      m_CAT(kTablePSIBuffer),
+      m_TSDT(kTablePSIBuffer),
+      m_EIT_Actual(kTableSIBuffer),
+      m_EIT_Other(kTableSIBuffer),
+      m_EIT_Actual_Shedule(kTableSIBuffer),
+      m_EIT_Other_Shedule(kTableSIBuffer),
+      m_SDT_Actual(kTablePSIBuffer),
+      m_SDT_Other(kTablePSIBuffer),
+      m_BAT(kTableSIBuffer),
+      m_NIT_Actual(kTablePSIBuffer),
+      m_NIT_Other(kTablePSIBuffer),
+      m_TDT(kTablePSIBuffer),
+      m_TOT(kTablePSIBuffer),
+      m_pPIDs(new CBasePID[pid_count]),
+      m_bUseTail(useTail) {
+    m_pTailData.alloc(transport_packet::size - 1, kTailAlign);
+    for (size_t pid = 0; pid < pid_count; ++pid)
+        m_pPIDs[pid].set_alarm_event(this);
+}
+
+CBaseMpegParser::~CBaseMpegParser() = default;
+
+unsigned long CBaseMpegParser::Process(unsigned char* data, unsigned long size) {
+    if (!data || size == 0)
+        return 0;
+    unsigned char* run = data;
+    size_t length = size;
+    if (m_bUseTail && m_lTailLength) {
+        keepTail(data, size);  // appended behind the held bytes
+        run = m_pTailData.get();
+        length = m_lTailLength;
+        m_lTailLength = 0;
+    }
+    size_t pos = 0;
+    while (length - pos >= static_cast<size_t>(transport_packet::size)) {
+        unsigned char* p = run + pos;
+        if (p[0] != kSyncByte) {
+            on_sync_byte_error();
+            ++pos;
+            continue;
+        }
+        transport_packet packet;
+        packet.transport_error_indicator = p[1] >> 7;
+        packet.payload_unit_start_indicator = (p[1] >> 6) & 1;
+        packet.transport_priority = (p[1] >> 5) & 1;
+        packet.PID = static_cast<uint16_t>(((p[1] & 0x1F) << 8) | p[2]);
+        packet.transport_scrambling_control = p[3] >> 6;
+        packet.adaptation_field_control = (p[3] >> 4) & 3;
+        packet.continuity_counter = p[3] & 0x0F;
+        packet.pStartDataPkt = p;
+        packet.lSizePkt = transport_packet::size;
+        packet.pCurrDataPkt = p + 4;
+        packet.lCurrSizePkt = transport_packet::size - 4;
+        OnPreProcess(0, packet);
+        ParserData(packet);
+        OnProcess(0, packet);
+        pos += transport_packet::size;
+    }
+    if (m_bUseTail && length > pos)
+        keepTail(run + pos, length - pos);
+    return static_cast<unsigned long>(pos);
+}
+
+void CBaseMpegParser::keepTail(const unsigned char* from, size_t size) {
+    const size_t needed = m_lTailLength + size;
+    if (needed > m_pTailData.size() || !m_pTailData.isValid()) {
+        VQSDK::VQAlignMemory<unsigned char> grown;
+        grown.alloc(static_cast<unsigned long>(needed), kTailAlign);
+        if (m_lTailLength)
+            std::memcpy(grown.get(), m_pTailData.get(), m_lTailLength);
+        m_pTailData = std::move(grown);
+    }
+    if (size)
+        std::memmove(m_pTailData.get() + m_lTailLength, from, size);
+    m_lTailLength += size;
+}
+
+bool CBaseMpegParser::ParserData(transport_packet& packet) {
+    if (packet.PID >= pid_count)
+        return false;
+    if (packet.hasAdaptationField() && !parseAdaptationField(packet))
+        return false;
+    CDataAccumulator* completed = m_pPIDs[packet.PID].putPacket(packet);
+    switch (packet.PID) {
+    case kPidPAT:
+    case kPidCAT:
+    case kPidTSDT:
+    case kPidNIT:
+    case kPidSDT:
+    case kPidEIT:
+    case kPidTDT:
+        routeSectionPid(packet);
+        return true;
+    case transport_packet::null_PID:
+        OnNULL(&packet);
+        return true;
+    default:
+        routeOtherPid(packet, completed);
+        return true;
+    }
+}
+
+bool CBaseMpegParser::parseAdaptationField(transport_packet& packet) {
+    VQSDK::VQBSReaderT<unsigned char*> r(packet.pCurrDataPkt, static_cast<unsigned long>(packet.lCurrSizePkt));
+    adaptation_field& af = packet.af;
+    af = adaptation_field();
+    r.getBits<8>(af.adaptation_field_length);
+    if (af.adaptation_field_length > transport_packet::size - 5)
+        return false;
+    if (af.adaptation_field_length) {
+        r.getBits<1>(af.discontinuity_indicator);
+        r.getBits<1>(af.random_access_indicator);
+        r.getBits<1>(af.elementary_stream_priority_indicator);
+        r.getBits<1>(af.PCR_flag);
+        r.getBits<1>(af.OPCR_flag);
+        r.getBits<1>(af.splicing_point_flag);
+        r.getBits<1>(af.transport_private_data_flag);
+        r.getBits<1>(af.adaptation_field_extension_flag);
+        if (af.PCR_flag) {
+            r.getBits<33>(af.program_clock_reference_base);
+            r.getBits<6>(af.reserved);
+            r.getBits<9>(af.program_clock_reference_extension);
+        }
+        if (af.OPCR_flag) {
+            r.getBits<33>(af.original_program_clock_reference_base);
+            r.getBits<6>(af.reserved1);
+            r.getBits<9>(af.original_program_clock_reference_extension);
+        }
+        if (af.splicing_point_flag)
+            r.getBits<8>(af.splice_countdown);
+        if (af.transport_private_data_flag) {
+            r.getBits<8>(af.transport_private_data_length);
+            if (af.transport_private_data_length > sizeof(af.private_data_byte))
+                return false;
+            for (unsigned i = 0; i < af.transport_private_data_length; ++i)
+                r.getBits<8>(af.private_data_byte[i]);
+        }
+        if (af.adaptation_field_extension_flag) {
+            r.getBits<8>(af.adaptation_field_extension_length);
+            r.getBits<1>(af.ltw_flag);
+            r.getBits<1>(af.piecewise_rate_flag);
+            r.getBits<1>(af.seamless_splice_flag);
+            r.getBits<5>(af.reserved2);
+            if (af.ltw_flag) {
+                r.getBits<1>(af.ltw_valid_flag);
+                r.getBits<15>(af.ltw_offset);
+            }
+            if (af.piecewise_rate_flag) {
+                r.getBits<2>(af.reserved3);
+                r.getBits<22>(af.piecewise_rate);
+            }
+            if (af.seamless_splice_flag) {
+                r.getBits<4>(af.splice_type);
+                r.getBits<3>(af.DTS_next_AU);
+                r.getBits<1>(af.marker_bit);
+                r.getBits<15>(af.DTS_next_AU1);
+                r.getBits<1>(af.marker_bit1);
+                r.getBits<15>(af.DTS_next_AU2);
+                r.getBits<1>(af.marker_bit2);
+            }
+        }
+    }
+    if (packet.adaptation_field_control == 3) {
+        packet.pCurrDataPkt += af.adaptation_field_length + 1;
+        packet.lCurrSizePkt -= af.adaptation_field_length + 1;
+    }
+    if (af.adaptation_field_length && af.PCR_flag)
+        OnPCR(&packet);
+    return true;
+}
+
+template <class T>
+bool CBaseMpegParser::parseCollected(uint16_t pid, CPacketWrapper<T>& wrapper) {
+    CDataAccumulator* section = m_pPIDs[pid].getCurData();
+    if (!section || section->getLength() < 3)
+        return false;
+    VQSDK::VQBSReaderT<unsigned char*> reader(section->get(), static_cast<unsigned long>(section->getLength()));
+    reader.skipBytes(1);  // pointer_field: the section is expected right after it
+    return wrapper.Parser(reader);
+}
+
+template <class T, class Report>
+void CBaseMpegParser::readSection(const transport_packet& packet, CPacketWrapper<T>& wrapper, Report onTable) {
+    std::lock_guard<std::mutex> lock(m_cs);
+    if (parseCollected(packet.PID, wrapper))
+        onTable(wrapper.m_pLast.get());
+}
+
+void CBaseMpegParser::routeSectionPid(const transport_packet& packet) {
+    const CDataAccumulator* section = m_pPIDs[packet.PID].getCurData();
+    const bool enough = section && section->getLength() >= 3;
+    if (!enough) {
+        if (packet.PID == kPidEIT)
+            std::puts("mpegcore: eit pkt skip");
+        return;
+    }
+    const uint8_t table_id = section->get()[1];
+    switch (packet.PID) {
+    case kPidPAT:
+        readSection(packet, m_PAT, [this](CPAT* pat) {
+            ClearPMT(*pat);
+            OnPAT(pat);
+        });
+        break;
+    case kPidCAT:
+        readSection(packet, m_CAT, [this](CCAT* cat) { OnCAT(cat); });
+        break;
+    case kPidTSDT:
+        readSection(packet, m_TSDT, [this](CTSDT* tsdt) { OnTSDT(tsdt); });
+        break;
+    case kPidNIT:
+        if (table_id == 0x40)
+            readSection(packet, m_NIT_Actual, [this](CNIT* nit) { OnNIT(nit); });
+        else if (table_id == 0x41)
+            readSection(packet, m_NIT_Other, [this](CNIT* nit) { OnNIT(nit); });
+        break;
+    case kPidSDT:
+        if (table_id == 0x42)
+            readSection(packet, m_SDT_Actual, [this](CSDT* sdt) { OnSDT(sdt); });
+        else if (table_id == 0x46)
+            readSection(packet, m_SDT_Other, [this](CSDT* sdt) { OnSDT(sdt); });
+        else if (table_id == 0x4A)
+            readSection(packet, m_BAT, [this](CBAT* bat) { OnBAT(bat); });
+        break;
+    case kPidEIT: {
+        auto report = [this](CEIT* eit) { OnEIT(eit); };
+        if (table_id == 0x4E)
+            readSection(packet, m_EIT_Actual, report);
+        else if (table_id == 0x4F)
+            readSection(packet, m_EIT_Other, report);
+        else if (table_id >= 0x50 && table_id <= 0x5F)
+            readSection(packet, m_EIT_Actual_Shedule, report);
+        else if (table_id >= 0x60 && table_id <= 0x6F)
+            readSection(packet, m_EIT_Other_Shedule, report);
+        break;
+    }
+    case kPidTDT:
+        if (table_id == 0x73)
+            readSection(packet, m_TOT, [this](CTOT* tot) { OnTOT(tot); });
+        else if (table_id == 0x70)
+            readSection(packet, m_TDT, [this](CTDT* tdt) { OnTDT(tdt); });
+        break;
+    default:
+        break;
+    }
+}
+
+void CBaseMpegParser::readPMT(const transport_packet& packet, CBaseMpegProgram& program) {
+    std::lock_guard<std::mutex> lock(m_cs);
+    auto& wrapper = m_MapPMT[packet.PID];
+    if (!wrapper)
+        wrapper = std::make_shared<CPacketWrapper<CPMT>>(kTablePSIBuffer);
+    if (parseCollected(packet.PID, *wrapper))
+        OnPMT(&program, wrapper->m_pLast.get());
+}
+
+void CBaseMpegParser::routeOtherPid(transport_packet& packet, CDataAccumulator* completed) {
+    const uint16_t pid = packet.PID;
+    if (m_PAT.IsValid()) {
+        auto program = m_PAT.m_pLast->program_map.find(pid);
+        if (program != m_PAT.m_pLast->program_map.end()) {
+            readPMT(packet, program->second);
+            return;
+        }
+        for (auto& entry : m_MapPMT) {
+            const uint16_t pmtPid = entry.first;
+            CPMT& pmt = *entry.second->m_pLast;
+            auto stream = pmt.stream_map.find(pid);
+            if (stream != pmt.stream_map.end()) {
+                CBaseStreamTypeMap* es = stream->second.get();
+                if (completed && completed->getLength())
+                    OnPES(pmtPid, es, completed->get(), static_cast<unsigned long>(completed->getLength()));
+                OnPES(pmtPid, static_cast<const CBaseStreamTypeMap*>(es), &packet);
+                OnPES(pmtPid, pmt.program_number, es, &packet);
+            } else if (pid == pmt.PCR_PID) {
+                if (packet.hasAdaptationField() && packet.af.adaptation_field_length >= 7 && packet.af.PCR_flag) {
+                    for (const auto& es : pmt.stream_map)
+                        if (es.first < pid_count)
+                            m_pPIDs[es.first].putPCR(packet);
+                    OnPES(pmtPid, static_cast<const CBaseStreamTypeMap*>(nullptr), &packet);
+                }
+            } else if (listsCaPid(pmt.descriptors, pid)) {
+                OnECM(&packet);
+            }
+        }
+        if (m_CAT.IsValid() && listsCaPid(m_CAT.m_pLast->descriptors, pid))
+            OnEMM(&packet);
+    }
+    onOtherPid(&packet);
+}
+
+void CBaseMpegParser::ClearPMT(const CPAT& newPAT) {
+    for (auto it = m_MapPMT.begin(); it != m_MapPMT.end();) {
+        if (newPAT.program_map.count(it->first)) {
+            ++it;
+            continue;
+        }
+        m_pPIDs[it->first].clear();
+        for (const auto& es : it->second->m_pLast->stream_map)
+            if (es.first < pid_count)
+                m_pPIDs[es.first].clear();
+        it = m_MapPMT.erase(it);
+    }
+}
+
+void CBaseMpegParser::analyze_packet(transport_packet& packet) {
+    if (packet.transport_scrambling_control == 1)
+        on_scrambler_pid(packet.PID);
+    if (packet.transport_error_indicator == 1)
+        on_tei_pid(packet.PID);
+}
+
+bool CBaseMpegParser::ParcerPESPacket(unsigned char*) {
+    return true;
+}
+
+void CBaseMpegParser::Clear() {
+    _clear();
+}
+
+void CBaseMpegParser::_clear() {
+    {
+        std::lock_guard<std::mutex> lock(m_cs);
+        m_PAT.Clear();
+        m_CAT.Clear();
+        m_TSDT.Clear();
+        m_EIT_Actual.Clear();
+        m_EIT_Other.Clear();
+        m_EIT_Actual_Shedule.Clear();
+        m_EIT_Other_Shedule.Clear();
+        m_SDT_Actual.Clear();
+        m_SDT_Other.Clear();
+        m_BAT.Clear();
+        m_NIT_Actual.Clear();
+        m_NIT_Other.Clear();
+        m_TDT.Clear();
+        m_TOT.Clear();
+        m_MapPMT.clear();
+    }
+    m_pTailData.dealloc();
+    m_lTailLength = 0;
+    for (size_t pid = 0; pid < pid_count; ++pid)
+        m_pPIDs[pid].clear();
+}
+
+}  // namespace mpegcore

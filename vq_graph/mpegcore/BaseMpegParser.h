@@ -1,0 +1,159 @@
+#pragma once
+// Transport packet parser (ISO/IEC 13818-1): per-PID state, PSI/SI section
+// assembly and reading of the well-known tables, programs followed from the
+// PAT and PMTs, everything reported through virtual callbacks that do
+// nothing here.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "mpegcore/BAT.h"
+#include "mpegcore/BaseMpegProgram.h"
+#include "mpegcore/BasePID.h"
+#include "mpegcore/CAT.h"
+#include "mpegcore/EIT.h"
+#include "mpegcore/NIT.h"
+#include "mpegcore/PAT.h"
+#include "mpegcore/PMT.h"
+#include "mpegcore/SDT.h"
+#include "mpegcore/TDT.h"
+#include "mpegcore/TOT.h"
+#include "mpegcore/TSDT.h"
+#include "mpegcore/VQAlignMemory.h"
+#include "mpegcore/VQBSReader.h"
+#include "mpegcore/vq_mpeg_alarm_event.h"
+
+namespace mpegcore {
+
+// Two objects of one table type: m_pCurrent receives the next read,
+// m_pLast is the last table that read correctly.
+template <class T>
+class CPacketWrapper {
+public:
+    explicit CPacketWrapper(unsigned long bufferSize)
+        : m_pCurrent(new T(nullptr, bufferSize)), m_pLast(new T(nullptr, bufferSize)) {}
+
+    // Reads into m_pCurrent; on success the two swap, the older one is
+    // cleared for the next read, and the wrapper becomes valid.
+    bool Parser(VQSDK::VQBSReaderT<unsigned char*>& reader) {
+        if (!m_pCurrent->read(reader))
+            return false;
+        std::swap(m_pCurrent, m_pLast);
+        m_pCurrent->Clear();
+        m_IsValid = 1;
+        return true;
+    }
+    // Appends raw section bytes to the table being filled.
+    BOOL AddData(const unsigned char* data, unsigned long size) { return m_pCurrent->AddData(data, size); }
+    // Makes a copy of table the last valid one.
+    void set(const T& table) {
+        m_pLast->Clear();
+        table.copyTo(m_pLast.get());
+        m_IsValid = 1;
+    }
+    BOOL IsValid() const { return m_IsValid; }
+    void Clear() {
+        m_pCurrent->Clear();
+        m_pLast->Clear();
+        m_IsValid = 0;
+    }
+
+    BOOL m_IsValid = 0;
+    std::unique_ptr<T> m_pCurrent;
+    std::unique_ptr<T> m_pLast;
+};
+
+// PMT wrappers by PMT PID.
+using CMapPMT = std::map<uint16_t, std::shared_ptr<CPacketWrapper<CPMT>>>;
+
+class CBaseMpegParser : public vq_mpeg_alarm_event {
+public:
+    static constexpr size_t pid_count = 8192;
+
+    // useTail: keep the bytes of an incomplete packet for the next call.
+    explicit CBaseMpegParser(bool useTail);
+    ~CBaseMpegParser() override;
+
+    CBaseMpegParser(const CBaseMpegParser&) = delete;
+    CBaseMpegParser& operator=(const CBaseMpegParser&) = delete;
+
+    // Parses every whole packet; returns the bytes consumed (counted in the
+    // tail and the new data together when a tail was held).
+    unsigned long Process(unsigned char* data, unsigned long size);
+    // Drops the PMTs that newPAT no longer lists, with their PID states.
+    // The caller holds m_cs.
+    void ClearPMT(const CPAT& newPAT);
+    // Reports scrambled (control 1) and errored packets; offered to derived classes.
+    void analyze_packet(transport_packet& packet);
+    // Accepts anything: PES headers are not parsed.
+    bool ParcerPESPacket(unsigned char* data);
+
+    virtual void Clear();
+    virtual int OnPreProcess(unsigned int, const transport_packet&) { return 0; }
+    virtual int OnProcess(unsigned int, transport_packet&) { return 0; }
+    virtual void OnPAT(CPAT*) {}
+    virtual void OnPMT(CBaseMpegProgram*, CPMT*) {}
+    virtual void OnCAT(CCAT*) {}
+    virtual void OnTSDT(CTSDT*) {}
+    virtual void OnSDT(CSDT*) {}
+    virtual void OnEIT(CEIT*) {}
+    virtual void OnNIT(CNIT*) {}
+    virtual void OnTDT(CTDT*) {}
+    virtual void OnTOT(CTOT*) {}
+    virtual void OnPES(unsigned short /*pmtPid*/, const CBaseStreamTypeMap*, transport_packet*) {}
+    virtual void OnPES(unsigned short /*pmtPid*/, CBaseStreamTypeMap*, unsigned char* /*data*/, unsigned long /*size*/) {}
+    virtual void OnPES(unsigned short /*pmtPid*/, unsigned short /*programNumber*/, const CBaseStreamTypeMap*,
+                       transport_packet*) {}
+    virtual void OnPCR(transport_packet*) {}
+    virtual void OnEMM(transport_packet*) {}
+    virtual void OnECM(transport_packet*) {}
+    virtual void OnBAT(CBAT*) {}
+    virtual void OnNULL(transport_packet*) {}
+    virtual void onOtherPid(transport_packet*) {}
+
+    CPacketWrapper<CPAT> m_PAT;
+    CPacketWrapper<CCAT> m_CAT;
+    CPacketWrapper<CTSDT> m_TSDT;
+    CPacketWrapper<CEIT> m_EIT_Actual;
+    CPacketWrapper<CEIT> m_EIT_Other;
+    CPacketWrapper<CEIT> m_EIT_Actual_Shedule;
+    CPacketWrapper<CEIT> m_EIT_Other_Shedule;
+    CPacketWrapper<CSDT> m_SDT_Actual;
+    CPacketWrapper<CSDT> m_SDT_Other;
+    CPacketWrapper<CBAT> m_BAT;
+    CPacketWrapper<CNIT> m_NIT_Actual;
+    CPacketWrapper<CNIT> m_NIT_Other;
+    CPacketWrapper<CTDT> m_TDT;
+    CPacketWrapper<CTOT> m_TOT;
+    CMapPMT m_MapPMT;
+    std::unique_ptr<CBasePID[]> m_pPIDs;
+    std::mutex m_cs;
+    VQSDK::VQAlignMemory<unsigned char> m_pTailData;
+    size_t m_lTailLength = 0;
+    bool m_bUseTail;
+
+protected:
+    // Everything past the sync byte of one packet; false when the packet is dropped.
+    bool ParserData(transport_packet& packet);
+    void _clear();
+
+private:
+    bool parseAdaptationField(transport_packet& packet);
+    // Reads the section collected on pid (past its pointer field) into
+    // wrapper; false when fewer than 3 bytes are held or the read fails.
+    // The caller holds m_cs.
+    template <class T>
+    bool parseCollected(uint16_t pid, CPacketWrapper<T>& wrapper);
+    // parseCollected and, when the table reads, onTable, all under m_cs.
+    template <class T, class Report>
+    void readSection(const transport_packet& packet, CPacketWrapper<T>& wrapper, Report onTable);
+    void routeSectionPid(const transport_packet& packet);
+    void routeOtherPid(transport_packet& packet, CDataAccumulator* completed);
+    void readPMT(const transport_packet& packet, CBaseMpegProgram& program);
+    // Stores the bytes from `from` as the tail, growing the block if needed.
+    void keepTail(const unsigned char* from, size_t size);
+};
+
+}  // namespace mpegcore

@@ -1,0 +1,147 @@
+#include "mpegcore/vq_mpegts_sync.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace mpegcore {
+
+vq_mpegts_sync::vq_mpegts_sync(vq_mpegts_callback callback) : m_fCallback(std::move(callback)) {}
+
+void vq_mpegts_sync::reset(size_t frameSize) {
+    const size_t searchSpan = m_nMaxCountSyncPkt * rs_packet_size + rs_packet_size;
+    m_nMaxTailSize = std::max(frameSize + searchSpan, 2 * frameSize);
+    m_pTail.reset(new uint8_t[m_nMaxTailSize]);
+    m_nTailSize = 0;
+    m_bSync = false;
+    m_nPacketSize = ts_packet_size;
+}
+
+void vq_mpegts_sync::push_data(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size) {
+    if (!data || size == 0)
+        return;
+    if (!m_pTail || m_nTailSize + size > m_nMaxTailSize)
+        reset(m_nTailSize + size);
+    uint8_t* run = data;
+    size_t runSize = size;
+    if (m_nTailSize) {
+        std::memcpy(m_pTail.get() + m_nTailSize, data, size);
+        run = m_pTail.get();
+        runSize = m_nTailSize + size;
+        m_nTailSize = 0;
+    }
+    m_tStart = tStart;
+    m_tStop = tStop;
+    m_nSize = runSize;
+    processing(run, runSize);
+}
+
+void vq_mpegts_sync::processing(uint8_t* data, size_t size) {
+    size_t cur = 0;    // start of the candidate packet
+    size_t probe = 0;  // sync byte being checked
+    size_t cand = ts_packet_size;
+    size_t k = 0;      // sync bytes in a row at spacing cand
+    if (size >= ts_packet_size) {
+        for (;;) {
+            if (!m_bSync) {
+                if (data[probe] != sync_byte) {
+                    if (k == 0) {
+                        ++m_nCountBadByte;
+                        probe = ++cur;
+                    } else if (cand == ts_packet_size) {
+                        cand = rs_packet_size;  // same start, wider spacing
+                        probe = cur;
+                    } else {
+                        cand = ts_packet_size;
+                        ++m_nCountBadByte;
+                        probe = ++cur;
+                    }
+                    k = 0;
+                } else if (++k < m_nMaxCountSyncPkt) {
+                    if (k == 1)
+                        cur = probe;
+                    probe += cand;
+                } else {
+                    m_bSync = true;
+                    m_nPacketSize = cand;
+                    probe = cur;
+                    k = 0;
+                }
+            } else if (data[cur] != sync_byte) {
+                m_bSync = false;
+                probe = cur;
+                k = 0;
+            } else {
+                // A locked packet is delivered only when it lies wholly in the run.
+                if (size - cur < m_nPacketSize)
+                    break;
+                m_fCallback(timeAt(cur), data + cur, m_nPacketSize);
+                cur += m_nPacketSize;
+                probe = cur;
+            }
+            const size_t need = m_bSync ? m_nPacketSize : cand;
+            if (probe > size || size - probe < need)
+                break;
+        }
+    }
+    const size_t rest = size - cur;
+    if (rest) {
+        if (data != m_pTail.get() || cur != 0)
+            std::memmove(m_pTail.get(), data + cur, rest);
+        m_nTailSize = rest;
+    }
+}
+
+vq_mpegts_accum::vq_mpegts_accum(vq_mpegts_callback callback, size_t chunkSize)
+    : m_pTail(new uint8_t[chunkSize ? chunkSize : 1]), m_nSize(chunkSize), m_fCallback(std::move(callback)) {}
+
+uint64_t vq_mpegts_accum::size_to_time(uint64_t tStart, uint64_t tStop, size_t total, size_t part) {
+    if (total == 0)
+        return 0;
+    const __int128 span = static_cast<__int128>(tStop) - static_cast<__int128>(tStart);
+    return static_cast<uint64_t>(span * static_cast<__int128>(part) / static_cast<__int128>(total));
+}
+
+void vq_mpegts_accum::push_data(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size) {
+    if (!m_fCallback || !data || size == 0 || m_nSize == 0)
+        return;
+    if (m_nLength) {
+        const size_t used = std::min(m_nSize - m_nLength, size);
+        std::memcpy(m_pTail.get() + m_nLength, data, used);
+        m_nLength += used;
+        if (m_nLength < m_nSize) {
+            m_tTimeStamp = tStart + size_to_time(tStart, tStop, size, used);
+            return;
+        }
+        m_fCallback(m_tTimeStamp, m_pTail.get(), m_nSize);
+        m_nLength = 0;
+        const uint64_t t = tStart + size_to_time(tStart, tStop, size, used);
+        data += used;
+        size -= used;
+        tStart = t;
+    }
+    relay_push_data(tStart, tStop, data, size);
+}
+
+void vq_mpegts_accum::relay_push_data(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size) {
+    if (!m_fCallback || m_nSize == 0)
+        return;
+    uint64_t t = tStart;
+    while (size >= m_nSize) {
+        m_fCallback(t, data, m_nSize);
+        t += size_to_time(t, tStop, size, m_nSize);
+        data += m_nSize;
+        size -= m_nSize;
+    }
+    if (size == 0)
+        return;
+    std::memcpy(m_pTail.get(), data, size);
+    m_nLength = size;
+    m_tTimeStamp = t + size_to_time(t, tStop, size, size);
+}
+
+void vq_mpegts_accum::reset() {
+    m_nLength = 0;
+    m_tTimeStamp = 0;
+}
+
+}  // namespace mpegcore
