@@ -1,0 +1,35 @@
+# Suites of the vqasicapture element. They load the built plug-in through
+# GST_PLUGIN_PATH (with a registry of their own) and run it on the simulated board
+# (libvqasisim.so preloaded). In sanitizer builds the ASan runtime is preloaded in
+# front of the simulator, so that child processes (gst-inspect-1.0, the plug-in
+# scanner) can load the instrumented plug-in too.
+if(NOT TARGET gstvqasicapture OR NOT TARGET vqasisim)
+  return()
+endif()
+
+pkg_check_modules(GST_CHECK REQUIRED IMPORTED_TARGET gstreamer-check-1.0 gstreamer-app-1.0)
+
+set(VQ_ELEMENT_PRELOAD $<TARGET_FILE:vqasisim>)
+set(VQ_ELEMENT_ASAN_OPTIONS "")
+if(VQ_SANITIZE)
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libasan.so
+                  OUTPUT_VARIABLE VQ_LIBASAN OUTPUT_STRIP_TRAILING_WHITESPACE)
+  set(VQ_ELEMENT_PRELOAD "${VQ_LIBASAN}:${VQ_ELEMENT_PRELOAD}")
+  set(VQ_ELEMENT_ASAN_OPTIONS
+      "ASAN_OPTIONS=verify_asan_link_order=0:halt_on_error=1:abort_on_error=1:detect_leaks=1;LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/element/lsan.supp:fast_unwind_on_malloc=0")
+endif()
+
+set(VQ_ELEMENT_SUITES test_element_plugin test_element_capture)
+foreach(suite ${VQ_ELEMENT_SUITES})
+  if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
+    continue()
+  endif()
+  list(APPEND VQ_CUSTOM_SUITES ${suite})
+  add_executable(${suite} ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
+  target_link_libraries(${suite} PRIVATE vq_test_support GTest::gtest_main vqasicapture_core PkgConfig::GST_CHECK)
+  add_dependencies(${suite} gstvqasicapture vqasisim)
+  vq_set_warnings(${suite})
+  add_test(NAME ${suite} COMMAND ${suite} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
+  set_tests_properties(${suite} PROPERTIES TIMEOUT 600 ENVIRONMENT
+    "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/element-registry.bin;LD_PRELOAD=${VQ_ELEMENT_PRELOAD};VQ_TEST_BINARY_DIR=${CMAKE_BINARY_DIR};${VQ_ELEMENT_ASAN_OPTIONS}")
+endforeach()

@@ -1,0 +1,95 @@
+#pragma once
+// The vqasicapture element's implementation: properties, state changes, the
+// capture thread that moves device frames through the synchroniser into the
+// data provider, and the source pad's negotiation and buffer pool.
+
+#include <gst/gst.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "mpegcore/vq_mpegts_sync.h"
+#include "vq_asi_capture/vq_alarms_dispatcher.h"
+#include "vq_asi_capture/vq_asi_pad.h"
+#include "vq_asi_capture/vq_asi_statistics.h"
+#include "vq_asi_capture/vq_gst_asi_capture.h"
+#include "vq_asi_capture/vq_v4l2_asi_input_device.h"
+
+class vq_data_provider;
+
+enum eInputType : int32_t {
+    eInputTS = 0,
+    eInputT2MI = 1,
+};
+
+class vq_asi_capture {
+public:
+    vq_asi_capture(Gstvqasicapture* element, GstElementClass* parentClass);
+    virtual ~vq_asi_capture();
+
+    vq_asi_capture(const vq_asi_capture&) = delete;
+    vq_asi_capture& operator=(const vq_asi_capture&) = delete;
+
+    void set_property(guint prop_id, const GValue* value, GParamSpec* pspec);
+    void get_property(guint prop_id, GValue* value, GParamSpec* pspec);
+    GstStateChangeReturn change_state(GstStateChange transition);
+
+    bool start();
+    void stop();
+    void close();
+
+    // One aligned packet from the synchroniser, on the capture thread.
+    bool receive_data(uint64_t pts, uint8_t* data, size_t size);
+    // One device frame; false (frame dropped) when the source pad is not linked.
+    bool push_data(uint64_t tStart, uint64_t tStop, uint64_t frameNumber, uint8_t* data, size_t size);
+    void get_statistics(GValue* value);
+    // Nanoseconds as whole milliseconds, for log lines.
+    static std::string pts_to_string(uint64_t pts);
+
+    // Source pad and negotiation.
+    bool create_asi_pad();
+    static bool isConnect(GstPad* pad);
+    static std::shared_ptr<GstCaps> asi_pad_query_caps(GstPad* pad);
+    static bool set_pad_caps(GstPad* pad);
+    void send_stream_start(GstPad* pad, const std::string& streamId);
+    bool neogation();
+    bool asi_neogation();
+    bool create_asi_buffer_pool(unsigned size, unsigned min, unsigned max);
+    // Deactivates an active pool before releasing it; for pools that came from downstream.
+    static void buffer_pool_deleter(GstBufferPool* pool);
+
+protected:
+    virtual void work_asi_thread(std::future<void>&& exit);
+
+private:
+    // One round of the capture loop with a filled device buffer.
+    // Signals the capture thread to end and joins it, then releases what it used; with
+    // mayDefer, a thread still caught in a push after a short wait is left running.
+    void stop_capture_thread(bool mayDefer);
+    void process_frame(uint64_t tStart, uint64_t tStop, uint64_t frameNumber, uint8_t* data, size_t size,
+                       std::chrono::steady_clock::time_point& tLastFrame);
+
+    Gstvqasicapture* m_pElement;
+    GstElementClass* m_pParentClass;
+    vq_asi_statistics m_statistics;
+    vq_v4l2_asi_input_device m_asi;
+    mpegcore::vq_mpegts_sync m_sync;
+    std::shared_ptr<GstBufferPool> m_pAsiBufferPool;
+    std::recursive_mutex m_cs;
+    std::thread m_asi_thread;
+    std::shared_ptr<std::promise<void>> m_fAsiExit;
+    std::future<void> m_fAsiDone;  // ready once the capture thread has returned
+    vq_asi_pad m_asi_pad;
+    bool m_send_asi_new_segment = true;
+    std::shared_ptr<GstSegment> m_pAsiSegment;
+    std::string m_strV4l2Name;
+    eInputType m_eInputType = eInputTS;
+    uint8_t m_nPLP = 0;
+    std::shared_ptr<vq_data_provider> m_pDataProvider;
+    vq_alarms_dispatcher m_alarms;
+};
