@@ -7,7 +7,9 @@ cd "$(dirname "$0")/.."
 bash scripts/setup-deps.sh
 
 JOBS=${JOBS:-$(nproc)}
-export CCACHE_DIR=${CCACHE_DIR:-$HOME/.cache/vq_graph-ccache}
+# Cache hits across clones: paths are hashed relative to the checkout.
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
+export CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-true}
 export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 

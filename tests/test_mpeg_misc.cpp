@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/BasePID.h"
 #include "mpegcore/MpegMisc.h"
 #include "mpegcore/vqdescriptorlist.h"
 #include "support/section_bytes.h"
@@ -131,4 +132,59 @@ TEST(MpegMiscSection, PutBitsCutsValuesToTheField) {
     }
     EXPECT_EQ(bytes[0], 0xF0);
     EXPECT_EQ(bytes[1], 0xFF);
+}
+
+TEST(MpegMiscStream, BitsWrittenAtAnyOffsetReadBack) {
+    unsigned char data[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    ASSERT_TRUE(mpegcore::CMpegMisc::AddBitToStream(data, sizeof data, 3, 0x1234, 13));
+    EXPECT_EQ(data[0], 0xF2);  // 111 + 10010 ...
+    EXPECT_EQ(data[1], 0x34);
+    EXPECT_EQ(data[2], 0xFF);  // bits around the field stay
+    uint64_t value = 0;
+    ASSERT_TRUE(mpegcore::CMpegMisc::GetBitsFromStream(data, sizeof data, 3, 13, value));
+    EXPECT_EQ(value, 0x1234u);
+}
+
+TEST(MpegMiscStream, FieldsPastTheEndAreRefused) {
+    unsigned char data[2] = {0, 0};
+    EXPECT_FALSE(mpegcore::CMpegMisc::AddBitToStream(data, sizeof data, 10, 0x7F, 7));
+    EXPECT_EQ(data[1], 0);
+    uint64_t value = 1;
+    EXPECT_FALSE(mpegcore::CMpegMisc::GetBitsFromStream(data, sizeof data, 17, 1, value));
+    EXPECT_EQ(value, 0u);
+    EXPECT_FALSE(mpegcore::CMpegMisc::GetBitsFromStream(data, sizeof data, 0, 65, value));
+    EXPECT_TRUE(mpegcore::CMpegMisc::GetBitsFromStream(data, sizeof data, 9, 7, value));
+}
+
+TEST(MpegMiscPcr, RawAndParsedPacketsAgree) {
+    unsigned char packet[188] = {0x47, 0x01, 0x00, 0x30, 7, 0x10};
+    EXPECT_TRUE(mpegcore::CMpegMisc::HasPCR(packet, sizeof packet));
+    packet[5] = 0x00;
+    EXPECT_FALSE(mpegcore::CMpegMisc::HasPCR(packet, sizeof packet));
+    packet[5] = 0x10;
+    packet[3] = 0x10;  // payload only: the byte after the header is no adaptation field
+    EXPECT_FALSE(mpegcore::CMpegMisc::HasPCR(packet, sizeof packet));
+    EXPECT_FALSE(mpegcore::CMpegMisc::HasPCR(packet, 5));
+
+    mpegcore::transport_packet parsed;
+    parsed.adaptation_field_control = 2;
+    parsed.af.adaptation_field_length = 7;
+    parsed.af.PCR_flag = 1;
+    EXPECT_TRUE(mpegcore::CMpegMisc::hasPCR(parsed));
+    parsed.af.adaptation_field_length = 0;
+    EXPECT_FALSE(mpegcore::CMpegMisc::hasPCR(parsed));
+}
+
+TEST(MpegMiscPcr, PcrToNanoseconds) {
+    EXPECT_EQ(mpegcore::CMpegMisc::pcrToNanosecond(90000, 0), 1000000000u);  // one second
+    EXPECT_EQ(mpegcore::CMpegMisc::pcrToNanosecond(0, 27), 1000u);
+    // The largest 33-bit base does not overflow: about 26.5 hours.
+    EXPECT_EQ(mpegcore::CMpegMisc::pcrToNanosecond((uint64_t(1) << 33) - 1, 299) / 1000000000u, 95443u);
+}
+
+TEST(MpegMiscStreamType, VideoTypes) {
+    for (uint8_t type : {0x01, 0x02, 0x10, 0x1B, 0x24, 0xEA})
+        EXPECT_TRUE(mpegcore::CMpegMisc::is_video_stream_type(type)) << int(type);
+    for (uint8_t type : {0x03, 0x04, 0x06, 0x0F, 0x11, 0x81, 0x86})
+        EXPECT_FALSE(mpegcore::CMpegMisc::is_video_stream_type(type)) << int(type);
 }

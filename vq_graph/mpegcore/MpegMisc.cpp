@@ -5,9 +5,81 @@
 #include <string>
 
 #include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/BasePID.h"
 #include "mpegcore/vqdescriptorlist.h"
 
 namespace mpegcore {
+
+namespace {
+
+bool fieldFits(size_t size, size_t bitPos, unsigned n) {
+    return n >= 1 && n <= 64 && bitPos <= size * 8 && n <= size * 8 - bitPos;
+}
+
+}  // namespace
+
+bool CMpegMisc::AddBitToStream(unsigned char* data, size_t size, size_t bitPos, uint64_t value, unsigned n) {
+    if (!data || !fieldFits(size, bitPos, n))
+        return false;
+    for (unsigned i = 0; i < n; ++i, ++bitPos) {
+        const unsigned char mask = static_cast<unsigned char>(0x80 >> (bitPos % 8));
+        if ((value >> (n - 1 - i)) & 1)
+            data[bitPos / 8] |= mask;
+        else
+            data[bitPos / 8] &= static_cast<unsigned char>(~mask);
+    }
+    return true;
+}
+
+bool CMpegMisc::GetBitsFromStream(const unsigned char* data, size_t size, size_t bitPos, unsigned n,
+                                  uint64_t& value) {
+    value = 0;
+    if (!data || !fieldFits(size, bitPos, n))
+        return false;
+    for (unsigned i = 0; i < n; ++i, ++bitPos)
+        value = (value << 1) | ((data[bitPos / 8] >> (7 - bitPos % 8)) & 1);
+    return true;
+}
+
+bool CMpegMisc::HasPCR(const unsigned char* packet, size_t size) {
+    // Header (4), adaptation_field_length (1) and the flags byte (1).
+    if (!packet || size < 6 || packet[0] != 0x47)
+        return false;
+    const bool hasAdaptationField = packet[3] & 0x20;
+    return hasAdaptationField && packet[4] > 0 && (packet[5] & 0x10);
+}
+
+bool CMpegMisc::hasPCR(const transport_packet& packet) {
+    return packet.hasAdaptationField() && packet.af.adaptation_field_length > 0 && packet.af.PCR_flag;
+}
+
+uint64_t CMpegMisc::pcrToNanosecond(uint64_t base, uint16_t extension) {
+    // 27 MHz ticks: 1000 / 27 ns each; split to keep 33-bit bases from overflowing.
+    const uint64_t ticks = base * 300 + extension;
+    return ticks / 27 * 1000 + ticks % 27 * 1000 / 27;
+}
+
+bool CMpegMisc::is_video_stream_type(uint8_t stream_type) {
+    switch (stream_type) {
+    case 0x01:  // MPEG-1 video
+    case 0x02:  // MPEG-2 video
+    case 0x10:  // MPEG-4 part 2
+    case 0x1B:  // AVC
+    case 0x1E:  // auxiliary video
+    case 0x1F:  // SVC sub-bitstream
+    case 0x20:  // MVC sub-bitstream
+    case 0x24:  // HEVC
+    case 0x25:  // HEVC temporal subset
+    case 0x42:  // AVS
+    case 0xD2:  // AVS2
+    case 0xD4:  // AVS3
+    case 0xD1:  // Dirac
+    case 0xEA:  // VC-1
+        return true;
+    default:
+        return false;
+    }
+}
 
 uint64_t CMpegMisc::decimal_to_bcd(uint64_t value) {
     return std::strtoull(std::to_string(value).c_str(), nullptr, 16);

@@ -1,7 +1,9 @@
 #pragma once
-// Helpers shared by the PSI/SI tables: SI time fields (MJD + BCD) and the
-// section-reading steps every table repeats.
+// Stateless helpers: bit fields in byte arrays, PCR tests and conversion,
+// stream type classes, SI time fields (MJD + BCD) and the section-reading
+// steps every table repeats.
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <utility>
@@ -13,9 +15,30 @@ namespace mpegcore {
 
 class CBaseMpegTable;
 class VQDescriptorList;
+struct transport_packet;
 
 class CMpegMisc {
 public:
+    // Writes the low n (1..64) bits of value, most significant first, at bit
+    // offset bitPos of a size-byte array; false (nothing written) when the
+    // field does not fit.
+    static bool AddBitToStream(unsigned char* data, size_t size, size_t bitPos, uint64_t value, unsigned n);
+    // Reads n (1..64) bits at bit offset bitPos; false when they are not all there.
+    static bool GetBitsFromStream(const unsigned char* data, size_t size, size_t bitPos, unsigned n,
+                                  uint64_t& value);
+
+    // Whether a raw 188-byte packet carries a PCR (adaptation field present,
+    // non-empty, PCR_flag set). Looks only inside the size bytes given.
+    static bool HasPCR(const unsigned char* packet, size_t size);
+    // The same for a parsed packet.
+    static bool hasPCR(const transport_packet& packet);
+    // PCR base (90 kHz) and extension (27 MHz) as nanoseconds.
+    static uint64_t pcrToNanosecond(uint64_t base, uint16_t extension);
+
+    // Stream types that carry video: MPEG-1/2, MPEG-4 part 2, AVC and its
+    // SVC/MVC layers, HEVC, AVS2/AVS3, VC-1 and Dirac.
+    static bool is_video_stream_type(uint8_t stream_type);
+
     // A number's decimal text read back as hexadecimal: 12 becomes 0x12.
     // Not limited: 123 becomes 0x123.
     static uint64_t decimal_to_bcd(uint64_t value);
