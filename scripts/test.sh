@@ -29,6 +29,9 @@ run_build build-asan -DCMAKE_BUILD_TYPE=Debug -DVQ_SANITIZE=ON -DVQ_BUILD_BENCH=
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
 echo "=== build build-tsan"
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVQ_TSAN=ON -DVQ_BUILD_BENCH=OFF >/dev/null
-cmake --build build-tsan -j "$JOBS"
+cmake --build build-tsan -j "$JOBS" --target tsan_suites
 echo "=== test build-tsan"
 ctest --test-dir build-tsan -j "$JOBS" -L tsan --output-on-failure --no-tests=ignore
+
+# What users get from `cmake --install`: headers, pkg-config files, the example and the tools.
+bash scripts/check-install.sh

@@ -28,4 +28,5 @@ foreach(suite ${VQ_ALARMS_TSAN_SUITES})
   vq_set_warnings(${suite})
   gtest_discover_tests(${suite} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data
                        DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS tsan)
+  add_dependencies(tsan_suites ${suite})
 endforeach()

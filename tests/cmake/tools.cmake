@@ -1,0 +1,28 @@
+# Suites of the command-line tools: they run the built tools as child
+# processes (their paths come in as compile definitions).
+if(TARGET ts-tables AND TARGET t2mi-extract)
+  list(APPEND VQ_CUSTOM_SUITES test_tools_ts_tables test_tools_t2mi_extract)
+  vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_tools_ts_tables.cpp)
+  target_compile_definitions(test_tools_ts_tables PRIVATE TS_TABLES_PATH="$<TARGET_FILE:ts-tables>")
+  add_dependencies(test_tools_ts_tables ts-tables)
+  vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_tools_t2mi_extract.cpp)
+  target_compile_definitions(test_tools_t2mi_extract PRIVATE T2MI_EXTRACT_PATH="$<TARGET_FILE:t2mi-extract>")
+  add_dependencies(test_tools_t2mi_extract t2mi-extract)
+endif()
+
+# The monitor runs the plug-in on the simulated board with the runtime set-up
+# of the element suites (element.cmake, included before this file): the
+# simulator, behind the ASan runtime in sanitizer builds, is preloaded into the
+# monitor only, through the command line the suite builds.
+if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
+  list(APPEND VQ_CUSTOM_SUITES test_tools_monitor)
+  add_executable(test_tools_monitor ${CMAKE_CURRENT_SOURCE_DIR}/test_tools_monitor.cpp)
+  target_link_libraries(test_tools_monitor PRIVATE vq_test_support GTest::gtest_main)
+  target_compile_definitions(test_tools_monitor PRIVATE VQ_MONITOR_PATH="$<TARGET_FILE:vqasi-monitor>"
+                             VQ_MONITOR_PRELOAD="${VQ_ELEMENT_PRELOAD}")
+  add_dependencies(test_tools_monitor vqasi-monitor gstvqasicapture vqasisim)
+  vq_set_warnings(test_tools_monitor)
+  add_test(NAME test_tools_monitor COMMAND test_tools_monitor WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
+  set_tests_properties(test_tools_monitor PROPERTIES TIMEOUT 300 ENVIRONMENT
+    "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/monitor-registry.bin;${VQ_ELEMENT_ASAN_OPTIONS}")
+endif()

@@ -1,0 +1,138 @@
+// vqasi-monitor on the simulated capture board: its JSON lines, the rate it
+// shows, the alarms the simulator's faults provoke, a wrong device, --help.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "support/test_data.h"
+#include "tools/json_reader.h"
+#include "tools/tool_runner.h"
+
+using vq_test::json_reader;
+using vq_test::json_value;
+
+namespace {
+
+const char* const kItemNames[] = {
+    "System time",          "Signal state",       "No data/link/lock/range/unknown",
+    "Bit rate [bit/sec]",   "Data counter",       "Raw bit rate [bit/sec]",
+    "Raw data counter",     "Bad bytes",          "Asi capture frames",
+    "Asi dropped frames",   "Asi fake frames",    "Asi map delay [ms]",
+    "Asi push delay [ms]",  "Asi delay between frames [ms]", "Asi last error",
+};
+
+// The monitor with the simulator preloaded and the given VQASISIM_* settings.
+std::string monitor_command(const std::string& simulator, const std::string& arguments) {
+    return "env LD_PRELOAD=" + vq_test::shell_quote(VQ_MONITOR_PRELOAD) + " VQASISIM_DEVICE=/dev/video0 " + simulator +
+           " " + vq_test::shell_quote(VQ_MONITOR_PATH) + " " + arguments;
+}
+
+bool log_has(const std::vector<json_value>& snapshots, const std::string& text) {
+    for (const auto& snapshot : snapshots)
+        for (const auto& line : snapshot["alarm_log"].items)
+            if (line.text.find(text) != std::string::npos)
+                return true;
+    return false;
+}
+
+TEST(VqasiMonitor, JsonLinesShowTheSimulatorsRateAndTheAlarmsItProvokes) {
+    // 4 Mbit/s; the link drops from 2 s to 5 s; every 500th packet is left out.
+    const std::string simulator = "VQASISIM_INPUT=" + vq_test::shell_quote(vq_test::dataPath("live-025.ts")) +
+                                  " VQASISIM_BITRATE=4000000 VQASISIM_SIGNAL=ok:2,nolink:3,ok VQASISIM_CC_ERRORS=500";
+    const auto result =
+        vq_test::run_tool(monitor_command(simulator, "--json --duration 8 --source-name monitor-test"));
+    ASSERT_EQ(result.status, 0) << result.output;
+
+    std::vector<json_value> snapshots;
+    for (const auto& line : result.lines()) {
+        json_value snapshot;
+        ASSERT_TRUE(json_reader::parse(line, snapshot)) << "not JSON: " << line;
+        snapshots.push_back(snapshot);
+    }
+    ASSERT_GE(snapshots.size(), 7u);
+    EXPECT_EQ(snapshots.back()["final"].u64(), 1u);
+    for (const auto& snapshot : snapshots) {
+        EXPECT_EQ(snapshot["device"].text, "/dev/video0");
+        const json_value& statistics = snapshot["statistics"];
+        EXPECT_EQ(statistics.members.size(), 15u);
+        for (const char* name : kItemNames)
+            EXPECT_TRUE(statistics.has(name)) << name;
+    }
+
+    // The raw rate, measured by the element over each second, shows the
+    // simulator's 4 Mbit/s while the signal is up.
+    uint64_t fastest = 0;
+    for (const auto& snapshot : snapshots)
+        fastest = std::max<uint64_t>(fastest, std::stoull(snapshot["statistics"]["Raw bit rate [bit/sec]"].text));
+    EXPECT_GT(fastest, 3200000u);
+    EXPECT_LT(fastest, 4800000u);
+    EXPECT_NE(std::stoull(snapshots.back()["statistics"]["Raw data counter"].text), 0u);
+
+    bool linkLossSeen = false;
+    for (const auto& snapshot : snapshots)
+        linkLossSeen |= snapshot["statistics"]["Signal state"].text == "No link";
+    EXPECT_TRUE(linkLossSeen);
+    EXPECT_EQ(snapshots.back()["statistics"]["No data/link/lock/range/unknown"].text, "0/1/0/0/0");
+
+    // The link loss raises and clears the input watchdogs; the left-out packets
+    // raise continuity alarms, all under the given source name.
+    for (const char* code : {"code=501", "code=502", "code=503"}) {
+        EXPECT_TRUE(log_has(snapshots, std::string("ALARM ") + code)) << code << "\n" << result.output;
+        EXPECT_TRUE(log_has(snapshots, std::string("CLEAR ") + code)) << code;
+    }
+    EXPECT_TRUE(log_has(snapshots, "ALARM code=112, level=2, reg_time="));
+    EXPECT_TRUE(log_has(snapshots, "source=monitor-test, description=Sync lost , count=1"));
+    bool ccListed = false;
+    for (const auto& snapshot : snapshots)
+        for (const auto& alarm : snapshot["alarms"].items)
+            ccListed |= alarm["code"].u64() == 112 && alarm["source"].text == "monitor-test" &&
+                        alarm["description"].text == "CC error on PID " + std::to_string(alarm["stream_pid"].u64());
+    EXPECT_TRUE(ccListed);
+}
+
+TEST(VqasiMonitor, TextScreenAndOutputFile) {
+    char path[] = "/tmp/vqasi-monitor-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    const std::string simulator =
+        "VQASISIM_INPUT=" + vq_test::shell_quote(vq_test::dataPath("live-072.ts")) + " VQASISIM_BITRATE=2000000";
+    const auto result =
+        vq_test::run_tool(monitor_command(simulator, "--duration 2 --output " + vq_test::shell_quote(path)));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.output.find("vqasi-monitor /dev/video0"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("  Raw bit rate [bit/sec]"), std::string::npos);
+    EXPECT_NE(result.output.find("(stopped)"), std::string::npos);
+    std::ifstream written(path, std::ios::binary | std::ios::ate);
+    const auto size = static_cast<uint64_t>(written.tellg());
+    std::remove(path);
+    EXPECT_GT(size, 0u);
+    EXPECT_EQ(size % 188, 0u);
+}
+
+TEST(VqasiMonitor, AWrongDeviceFailsWithTheDevicesMessage) {
+    const auto result = vq_test::run_tool(monitor_command("", "--json --device /dev/video7"), true);
+    EXPECT_NE(result.status, 0);
+    EXPECT_NE(result.output.find("vqasicapture: Can't open asi device: /dev/video7"), std::string::npos)
+        << result.output;
+    EXPECT_NE(result.output.find("vqasi-monitor: cannot open the ASI device /dev/video7"), std::string::npos);
+    EXPECT_EQ(result.output.find("{\""), std::string::npos) << "no JSON line for a device never opened";
+}
+
+TEST(VqasiMonitor, HelpAndBadOptions) {
+    const auto help = vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --help");
+    EXPECT_EQ(help.status, 0);
+    for (const char* option : {"--device", "--input-type", "--plp", "--source-name", "--output", "--udp",
+                               "--duration", "--json", "--help-gst"})
+        EXPECT_NE(help.output.find(option), std::string::npos) << option;
+    EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --plp 256", true).status, 2);
+    EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --udp nowhere", true).status, 1);
+    EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --no-such-option", true).status, 2);
+}
+
+}  // namespace

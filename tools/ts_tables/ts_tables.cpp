@@ -1,0 +1,154 @@
+// ts-tables: prints the PSI/SI tables of a transport stream (PAT, PMT, CAT,
+// TSDT, NIT, SDT, BAT, EIT, TDT, TOT) with their fields and descriptors, each
+// table once per version, as text or as one JSON object per line.
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "mpegcore/BaseMpegParser.h"
+#include "report_node.h"
+#include "table_report.h"
+
+namespace {
+
+const char kUsage[] =
+    "Usage: ts-tables [--json] [FILE]\n"
+    "Prints every PSI/SI table of the MPEG-2 transport stream FILE (standard input\n"
+    "when FILE is missing or \"-\"): PAT, PMT, CAT, TSDT, NIT, SDT, BAT, EIT, TDT\n"
+    "and TOT, each once per version, with fields, descriptors and decoded names.\n"
+    "\n"
+    "  -j, --json   one JSON object per table and line instead of text\n"
+    "  -h, --help   this text\n";
+
+using namespace mpegcore;
+
+// The parser delivers a table again with every packet of its PID while the
+// section stays complete; each table is printed when its version is new.
+class table_printer : public CBaseMpegParser {
+public:
+    table_printer(bool json, std::ostream& out) : CBaseMpegParser(true), m_bJson(json), m_out(out) {}
+
+    unsigned long tables_printed() const { return m_nPrinted; }
+
+    void OnPAT(CPAT* pat) override {
+        print(key("PAT", pat->transport_stream_id, pat->section_number), pat->version_number,
+              [&] { return describe_pat(*pat); });
+    }
+    void OnPMT(CBaseMpegProgram* program, CPMT* pmt) override {
+        const uint16_t pid = program->map_PID.program_map_PID;
+        print(key("PMT", pid, pmt->program_number, pmt->section_number), pmt->version_number,
+              [&] { return describe_pmt(pid, *pmt); });
+    }
+    void OnCAT(CCAT* cat) override {
+        print(key("CAT", cat->section_number), cat->version_number, [&] { return describe_cat(*cat); });
+    }
+    void OnTSDT(CTSDT* tsdt) override {
+        print(key("TSDT", tsdt->section_number), tsdt->version_number, [&] { return describe_tsdt(*tsdt); });
+    }
+    void OnNIT(CNIT* nit) override {
+        print(key("NIT", nit->table_id, nit->network_id, nit->section_number), nit->version_number,
+              [&] { return describe_nit(*nit); });
+    }
+    void OnSDT(CSDT* sdt) override {
+        print(key("SDT", sdt->table_id, sdt->transport_stream_id, sdt->original_network_id, sdt->section_number),
+              sdt->version_number, [&] { return describe_sdt(*sdt); });
+    }
+    void OnBAT(CBAT* bat) override {
+        print(key("BAT", bat->bouquet_id, bat->section_number), bat->version_number,
+              [&] { return describe_bat(*bat); });
+    }
+    void OnEIT(CEIT* eit) override {
+        print(key("EIT", eit->table_id, eit->service_id, eit->transport_stream_id, eit->original_network_id,
+                  eit->section_number),
+              eit->version_number, [&] { return describe_eit(*eit); });
+    }
+    // The time tables have no version: a new time is a new table.
+    void OnTDT(CTDT* tdt) override { print("TDT", tdt->UTC_time, [&] { return describe_tdt(*tdt); }); }
+    void OnTOT(CTOT* tot) override { print("TOT", tot->UTC_time, [&] { return describe_tot(*tot); }); }
+
+private:
+    template <class... Fields>
+    static std::string key(const char* name, Fields... fields) {
+        std::string out = name;
+        for (const unsigned long field : {static_cast<unsigned long>(fields)...})
+            out += '/' + std::to_string(field);
+        return out;
+    }
+
+    template <class Describe>
+    void print(const std::string& identity, uint64_t version, Describe describe) {
+        const auto found = m_versions.find(identity);
+        if (found != m_versions.end() && found->second == version)
+            return;
+        m_versions[identity] = version;
+        ++m_nPrinted;
+        const report_node table = describe();
+        if (m_bJson) {
+            m_out << table.to_json() << '\n';
+        } else {
+            m_out << "---\n";
+            table.to_text(m_out);
+        }
+    }
+
+    bool m_bJson;
+    std::ostream& m_out;
+    std::map<std::string, uint64_t> m_versions;
+    unsigned long m_nPrinted = 0;
+};
+
+struct file_closer {
+    void operator()(FILE* file) const {
+        if (file != stdin)
+            std::fclose(file);
+    }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool json = false;
+    static const option kOptions[] = {
+        {"json", no_argument, nullptr, 'j'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    for (int c; (c = getopt_long(argc, argv, "jh", kOptions, nullptr)) != -1;) {
+        switch (c) {
+        case 'j': json = true; break;
+        case 'h': std::fputs(kUsage, stdout); return 0;
+        default: std::fputs(kUsage, stderr); return 2;
+        }
+    }
+    if (argc - optind > 1) {
+        std::fputs(kUsage, stderr);
+        return 2;
+    }
+    const std::string path = optind < argc ? argv[optind] : "-";
+    std::unique_ptr<FILE, file_closer> input(path == "-" ? stdin : std::fopen(path.c_str(), "rb"));
+    if (!input) {
+        std::fprintf(stderr, "ts-tables: cannot open %s: %s\n", path.c_str(), std::strerror(errno));
+        return 1;
+    }
+
+    table_printer printer(json, std::cout);
+    std::vector<unsigned char> buffer(188 * 1024);
+    for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), input.get())) > 0;)
+        printer.Process(buffer.data(), got);
+    if (std::ferror(input.get())) {
+        std::fprintf(stderr, "ts-tables: cannot read %s: %s\n", path.c_str(), std::strerror(errno));
+        return 1;
+    }
+    std::cout.flush();
+    if (!json)
+        std::fprintf(stderr, "ts-tables: %lu tables\n", printer.tables_printed());
+    return 0;
+}
