@@ -33,5 +33,8 @@ cmake --build build-tsan -j "$JOBS" --target tsan_suites
 echo "=== test build-tsan"
 ctest --test-dir build-tsan -j "$JOBS" -L tsan --output-on-failure --no-tests=ignore
 
+# Coverage-guided fuzzing of the library, a bounded time per target; findings fail the run.
+bash scripts/fuzz.sh "${FUZZ_SECONDS:-20}"
+
 # What users get from `cmake --install`: headers, pkg-config files, the example and the tools.
 bash scripts/check-install.sh
