@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs every test suite twice:
-# a normal build and an AddressSanitizer + UndefinedBehaviorSanitizer build.
+# Installs what is missing, then builds and runs every test suite in a normal build
+# and an AddressSanitizer + UndefinedBehaviorSanitizer build, the multi-threaded
+# suites under ThreadSanitizer, the library's fuzzers for a bounded time, and the
+# install check (installed headers, pkg-config files, example and tools).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,29 +14,42 @@ export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
 export CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-true}
 export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
 
-run_build() {
+passed=0
+run_ctest() {
+  local dir=$1; shift
+  echo "=== test $dir"
+  local log="$dir/ctest-summary.log"
+  ctest --test-dir "$dir" -j "$JOBS" --output-on-failure "$@" | tee "$log"
+  local total
+  total=$(sed -n 's/.*tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' "$log")
+  passed=$((passed + ${total:-0}))
+}
+
+configure_and_build() {
   local dir=$1; shift
   echo "=== build $dir ($*)"
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-  cmake --build "$dir" -j "$JOBS"
-  echo "=== test $dir"
-  ctest --test-dir "$dir" -j "$JOBS" --output-on-failure
 }
 
-run_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-run_build build-asan -DCMAKE_BUILD_TYPE=Debug -DVQ_SANITIZE=ON -DVQ_BUILD_BENCH=OFF
+configure_and_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build build -j "$JOBS"
+run_ctest build
 
-# Suites labelled "tsan" (the multi-threaded ones) also run under ThreadSanitizer.
-export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1}
-echo "=== build build-tsan"
-cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVQ_TSAN=ON -DVQ_BUILD_BENCH=OFF >/dev/null
+configure_and_build build-asan -DCMAKE_BUILD_TYPE=Debug -DVQ_SANITIZE=ON -DVQ_BUILD_BENCH=OFF
+cmake --build build-asan -j "$JOBS"
+run_ctest build-asan
+
+# Only the suites labelled "tsan" are built and run under ThreadSanitizer.
+configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DVQ_TSAN=ON -DVQ_BUILD_BENCH=OFF
 cmake --build build-tsan -j "$JOBS" --target tsan_suites
-echo "=== test build-tsan"
-ctest --test-dir build-tsan -j "$JOBS" -L tsan --output-on-failure --no-tests=ignore
+run_ctest build-tsan -L tsan
 
 # Coverage-guided fuzzing of the library, a bounded time per target; findings fail the run.
 bash scripts/fuzz.sh "${FUZZ_SECONDS:-20}"
 
-# What users get from `cmake --install`: headers, pkg-config files, the example and the tools.
+# What users get from `cmake --install`.
 bash scripts/check-install.sh
+
+echo "all test runs: $passed passed, 0 failed"
