@@ -8,13 +8,17 @@ cd "$(dirname "$0")/.."
 bash scripts/setup-deps.sh
 export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)"
+# Only what the demo runs: the plug-in, the board simulator and the demo program.
+cmake --build build -j "$(nproc)" --target gstvqasicapture vqasisim asi_demo
 
 export GST_PLUGIN_PATH=$PWD/build/gst-plugins
 export GST_REGISTRY=$PWD/build/demo-registry.bin
 out=build/demo-capture.ts
 rm -f "$out"
 
+echo "=== alarm codes: 501 sync lost (receiver without lock), 502 no raw input data (no frames from"
+echo "    the board), 503 no input data (no transport packets found), 112 continuity counter error on a PID."
+echo "    ALARM lines show an alarm rising, CLEAR lines the same alarm ending; count= is how often."
 echo "=== vqasicapture on the simulated board (tests/data/live-025.ts, paced at 4 Mbit/s with a"
 echo "    3 s link loss after 3 s and a continuity error in every 500th packet), 10 s"
 build/tools/vqasisim/vqasi-sim --input tests/data/live-025.ts --bitrate 4000000 \

@@ -37,6 +37,9 @@ configure_and_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$JOBS"
 run_ctest build
 
+# The performance comparison in its short mode: it runs, no thresholds.
+bash bench/compare.sh --short build
+
 configure_and_build build-asan -DCMAKE_BUILD_TYPE=Debug -DVQ_SANITIZE=ON -DVQ_BUILD_BENCH=OFF
 cmake --build build-asan -j "$JOBS"
 run_ctest build-asan

@@ -23,90 +23,24 @@
 
 namespace {
 
+using vq_element_test::item_number;
+using vq_element_test::items_of;
+using vq_element_test::pipeline;
+using vq_element_test::scratch_file;
+using vq_element_test::sim_settings;
 using vq_element_test::wait_until;
 
 constexpr size_t kPacket = 188;
 constexpr size_t kFrameSize = 26320;  // the simulator's default frame, 140 packets
-
-// Simulator settings of one test; cleared again afterwards.
-class sim_settings {
-public:
-    explicit sim_settings(std::map<std::string, std::string> values) : m_values(std::move(values)) {
-        m_summary = std::string(std::getenv("VQ_TEST_BINARY_DIR") ? std::getenv("VQ_TEST_BINARY_DIR") : "/tmp") +
-                    "/vqasisim-summary-" + std::to_string(::getpid()) + ".txt";
-        m_values["VQASISIM_SUMMARY"] = m_summary;
-        m_values["VQASISIM_DEVICE"] = "/dev/video0";
-        std::remove(m_summary.c_str());
-        for (const auto& v : m_values)
-            setenv(v.first.c_str(), v.second.c_str(), 1);
-    }
-    ~sim_settings() {
-        for (const auto& v : m_values)
-            unsetenv(v.first.c_str());
-        std::remove(m_summary.c_str());
-    }
-    // The simulator's counters, written when the device was closed.
-    std::map<std::string, uint64_t> summary() const {
-        std::map<std::string, uint64_t> out;
-        std::ifstream in(m_summary);
-        std::string line;
-        while (std::getline(in, line)) {
-            const size_t eq = line.find('=');
-            if (eq != std::string::npos && line.find_first_not_of("0123456789", eq + 1) == std::string::npos &&
-                eq + 1 < line.size())
-                out[line.substr(0, eq)] = std::stoull(line.substr(eq + 1));
-        }
-        return out;
-    }
-
-private:
-    std::map<std::string, std::string> m_values;
-    std::string m_summary;
-};
-
-std::map<std::string, std::string> items_of(GstElement* capture) {
-    gpointer pointer = nullptr;
-    g_object_get(capture, "statistics", &pointer, nullptr);
-    std::map<std::string, std::string> items;
-    for (auto& item : static_cast<vq_base_statistics*>(pointer)->get_items())
-        items[item.first] = item.second;
-    return items;
-}
-
-uint64_t item_number(GstElement* capture, const char* name) {
-    return std::stoull(items_of(capture)[name]);
-}
 
 std::vector<uint8_t> read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// A pipeline "vqasicapture ! <sink>" on the simulated /dev/video0.
-struct pipeline {
-    GstElement* bin = nullptr;
-    GstElement* capture = nullptr;
-    explicit pipeline(const std::string& description) {
-        vq_element_test::init_gstreamer();
-        bin = gst_parse_launch(description.c_str(), nullptr);
-        if (bin)
-            capture = gst_bin_get_by_name(GST_BIN(bin), "cap");
-    }
-    ~pipeline() {
-        if (capture)
-            gst_object_unref(capture);
-        if (bin) {
-            gst_element_set_state(bin, GST_STATE_NULL);
-            gst_object_unref(bin);
-        }
-    }
-};
-
 // Runs the capture into a file until `bytes` reached the provider, then stops it.
 std::vector<uint8_t> capture_to_file(const std::string& properties, uint64_t bytes) {
-    const std::string out = std::string(std::getenv("VQ_TEST_BINARY_DIR") ? std::getenv("VQ_TEST_BINARY_DIR")
-                                                                            : "/tmp") +
-                            "/vqasicapture-out-" + std::to_string(::getpid()) + ".ts";
+    const std::string out = scratch_file("vqasicapture-out") + ".ts";
     {
         pipeline p("vqasicapture name=cap v4l2=/dev/video0 " + properties + " ! filesink location=" + out);
         EXPECT_NE(p.capture, nullptr);
@@ -124,26 +58,63 @@ std::vector<uint8_t> capture_to_file(const std::string& properties, uint64_t byt
     return data;
 }
 
-// True when GStreamer's tsparse reads the bytes to the end without an error.
-bool tsparse_reads(const std::vector<uint8_t>& data) {
-    const std::string path = std::string(std::getenv("VQ_TEST_BINARY_DIR") ? std::getenv("VQ_TEST_BINARY_DIR")
-                                                                             : "/tmp") +
-                             "/vqasicapture-demux-" + std::to_string(::getpid()) + ".ts";
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data.data()),
-                                               static_cast<std::streamsize>(data.size()));
-    GstElement* bin = gst_parse_launch(("filesrc location=" + path + " ! tsparse ! fakesink").c_str(), nullptr);
+// A pad the demultiplexer adds gets a fakesink of its own, brought to the pipeline's
+// state: a pad left unlinked, or linked to a sink still in NULL, stops the demultiplexer
+// without an EOS.
+void link_to_new_fakesink(GstElement*, GstPad* pad, gpointer bin) {
+    GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+    g_object_set(sink, "sync", FALSE, "async", FALSE, nullptr);
+    gst_bin_add(GST_BIN(bin), sink);
+    gst_element_sync_state_with_parent(sink);
+    GstPad* sinkPad = gst_element_get_static_pad(sink, "sink");
+    const GstPadLinkReturn linked = gst_pad_link(pad, sinkPad);
+    EXPECT_EQ(linked, GST_PAD_LINK_OK) << GST_PAD_NAME(pad);
+    gst_object_unref(sinkPad);
+}
+
+// GStreamer's `element` (tsparse, tsdemux) reads the bytes to their end: EOS and no
+// ERROR on the bus. `pads` receives the number of source pads the element ended with.
+::testing::AssertionResult gst_reads_to_eos(const std::vector<uint8_t>& data, const char* element,
+                                            guint* pads = nullptr) {
+    const std::string path = scratch_file("vqasicapture-demux") + ".ts";
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+    GstElement* bin = gst_pipeline_new(nullptr);
+    GstElement* src = gst_element_factory_make("filesrc", nullptr);
+    GstElement* parser = gst_element_factory_make(element, nullptr);
+    if (!src || !parser)
+        return ::testing::AssertionFailure() << "no " << element;
+    g_object_set(src, "location", path.c_str(), nullptr);
+    gst_bin_add_many(GST_BIN(bin), src, parser, nullptr);
+    gst_element_link(src, parser);
+    if (GstPad* always = gst_element_get_static_pad(parser, "src")) {
+        link_to_new_fakesink(parser, always, bin);
+        gst_object_unref(always);
+    } else {
+        g_signal_connect(parser, "pad-added", G_CALLBACK(link_to_new_fakesink), bin);
+    }
     gst_element_set_state(bin, GST_STATE_PLAYING);
     GstBus* bus = gst_element_get_bus(bin);
     GstMessage* msg = gst_bus_timed_pop_filtered(bus, 60 * GST_SECOND,
                                                  static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-    const bool ok = msg && GST_MESSAGE_TYPE(msg) == GST_MESSAGE_EOS;
+    ::testing::AssertionResult result = ::testing::AssertionSuccess();
+    if (!msg) {
+        result = ::testing::AssertionFailure() << element << ": no EOS within 60 s";
+    } else if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR) {
+        GError* error = nullptr;
+        gst_message_parse_error(msg, &error, nullptr);
+        result = ::testing::AssertionFailure() << element << ": " << error->message;
+        g_error_free(error);
+    }
     if (msg)
         gst_message_unref(msg);
+    if (pads)
+        *pads = parser->numsrcpads;
     gst_object_unref(bus);
     gst_element_set_state(bin, GST_STATE_NULL);
     gst_object_unref(bin);
     std::remove(path.c_str());
-    return ok;
+    return result;
 }
 
 // Index of the 188-byte packet `packet` in `source` (taken as packets of `stride` bytes), or -1.
@@ -187,7 +158,11 @@ TEST(ElementCapture, TransportStreamEndToEnd) {
     const uint64_t delivered = served["bytes"] - 3 * kFrameSize;
     EXPECT_LE(delivered - out.size(), 6 * kPacket);
     EXPECT_GE(delivered, out.size());
-    EXPECT_TRUE(tsparse_reads(out));
+    EXPECT_TRUE(gst_reads_to_eos(out, "tsparse"));
+    // The demultiplexer finds the programme's video and audio streams and reads to EOS.
+    guint pads = 0;
+    EXPECT_TRUE(gst_reads_to_eos(out, "tsdemux", &pads));
+    EXPECT_EQ(pads, 2u);
 }
 
 TEST(ElementCapture, PacketsOf204BytesLeaveAs188) {
@@ -238,6 +213,7 @@ TEST(ElementCapture, T2miPlpEndToEnd) {
         served = sim.summary();
     }
     ASSERT_GT(out.size(), 0u);
+    ASSERT_GT(served["bytes"], 3 * kFrameSize);
     ASSERT_LT(served["bytes"], carrier.size());
     // Every frame the board filled was taken, so the served bytes are the ones processed.
     ASSERT_EQ(served["overruns"], 0u);
@@ -501,6 +477,44 @@ TEST(ElementCapture, AlarmsReachTheManager) {
     gst_element_set_state(p.bin, GST_STATE_NULL);
     // Stopping withdraws every alarm from the manager.
     EXPECT_TRUE(manager.held().empty());
+}
+
+TEST(ElementCapture, CapsThatCannotBeSetAreReportedAndNothingIsPushed) {
+    sim_settings sim({{"VQASISIM_INPUT", vq_test::dataPath("live-025.ts")}, {"VQASISIM_BITRATE", "20000000"}});
+    vq_element_test::print_capture printed;
+    harness t;
+    ASSERT_NE(gst_element_set_state(t.h->element, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+    // A flushing source pad refuses the caps event. (A peer that refuses caps does not
+    // fail gst_pad_set_caps: the sticky event stays stored and the data flow fails later.)
+    GstPad* src = gst_element_get_static_pad(t.h->element, "src_asi");
+    gst_pad_set_active(src, FALSE);
+    gst_object_unref(src);
+    t.play();
+    EXPECT_TRUE(wait_until([&] { return item_number(t.h->element, "Data counter") > 100000; }));
+    EXPECT_NE(printed.str().find("vqasicapture: Can't set asi caps."), std::string::npos) << printed.str();
+    // No pool was set up, so every packet is dropped by the provider.
+    EXPECT_EQ(items_of(t.h->element)["Asi last error"], "No free buffers in the buffer pool");
+    EXPECT_EQ(gst_harness_buffers_in_queue(t.h), 0u);
+}
+
+TEST(ElementCapture, FinalizeAfterStopReleasesTheDeviceOnce) {
+    std::map<std::string, uint64_t> served;
+    {
+        sim_settings sim({{"VQASISIM_INPUT", vq_test::dataPath("live-025.ts")}, {"VQASISIM_BITRATE", "20000000"}});
+        {
+            pipeline p("vqasicapture name=cap v4l2=/dev/video0 ! fakesink");
+            ASSERT_NE(p.capture, nullptr);
+            ASSERT_NE(gst_element_set_state(p.bin, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+            EXPECT_TRUE(wait_until([&] { return item_number(p.capture, "Asi capture frames") > 5; }));
+            gst_element_set_state(p.bin, GST_STATE_PAUSED);
+            gst_element_set_state(p.bin, GST_STATE_NULL);
+            // Finalize stops once more (nothing left to stop) and deletes the capture object.
+        }
+        served = sim.summary();
+    }
+    EXPECT_EQ(served["stream_starts"], 1u);
+    EXPECT_EQ(served["mappings_left"], 0u);
+    EXPECT_GT(served["frames_dequeued"], 5u);
 }
 
 }  // namespace

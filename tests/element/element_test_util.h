@@ -4,12 +4,21 @@
 
 #include <gst/gst.h>
 
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
+
+#include "vq_asi_capture/vq_base_statistics.h"
+#include "vqasisim_testing.h"
 
 namespace vq_element_test {
 
@@ -95,5 +104,79 @@ bool wait_until(Cond cond, std::chrono::milliseconds limit = std::chrono::second
     }
     return true;
 }
+
+// A file name of this process in the build tree (the temporary folder without one).
+inline std::string scratch_file(const std::string& stem) {
+    const char* dir = std::getenv("VQ_TEST_BINARY_DIR");
+    return std::string(dir ? dir : "/tmp") + "/" + stem + "-" + std::to_string(::getpid());
+}
+
+// Simulator settings of one test on /dev/video0, with a summary file of their own.
+class sim_settings {
+public:
+    explicit sim_settings(std::map<std::string, std::string> values)
+        : m_summary(scratch_file("vqasisim-summary") + ".txt"), m_env(with_defaults(std::move(values), m_summary)) {
+        std::remove(m_summary.c_str());
+    }
+    ~sim_settings() { std::remove(m_summary.c_str()); }
+    sim_settings(const sim_settings&) = delete;
+    sim_settings& operator=(const sim_settings&) = delete;
+
+    // The simulator's account, written when the device was closed.
+    vqasisim_testing::summary account() const { return vqasisim_testing::read_summary(m_summary, "/dev/video0"); }
+    // Its numeric lines.
+    std::map<std::string, uint64_t> summary() const {
+        std::map<std::string, uint64_t> out;
+        for (const auto& value : account().values)
+            if (!value.second.empty() && value.second.find_first_not_of("0123456789") == std::string::npos)
+                out[value.first] = std::stoull(value.second);
+        return out;
+    }
+
+private:
+    static std::map<std::string, std::string> with_defaults(std::map<std::string, std::string> values,
+                                                            const std::string& summary) {
+        values["VQASISIM_SUMMARY"] = summary;
+        values["VQASISIM_DEVICE"] = "/dev/video0";
+        return values;
+    }
+    std::string m_summary;
+    vqasisim_testing::scoped_env m_env;
+};
+
+// The element's statistics items by name.
+inline std::map<std::string, std::string> items_of(GstElement* capture) {
+    gpointer pointer = nullptr;
+    g_object_get(capture, "statistics", &pointer, nullptr);
+    std::map<std::string, std::string> items;
+    for (auto& item : static_cast<vq_base_statistics*>(pointer)->get_items())
+        items[item.first] = item.second;
+    return items;
+}
+
+inline uint64_t item_number(GstElement* capture, const char* name) { return std::stoull(items_of(capture)[name]); }
+
+// A pipeline from a gst-launch description whose vqasicapture is named "cap".
+struct pipeline {
+    GstElement* bin = nullptr;
+    GstElement* capture = nullptr;
+    explicit pipeline(const std::string& description) {
+        init_gstreamer();
+        bin = gst_parse_launch(description.c_str(), nullptr);
+        if (bin)
+            capture = gst_bin_get_by_name(GST_BIN(bin), "cap");
+    }
+    ~pipeline() {
+        if (capture)
+            gst_object_unref(capture);
+        if (bin) {
+            gst_element_set_state(bin, GST_STATE_NULL);
+            gst_object_unref(bin);
+        }
+    }
+    pipeline(const pipeline&) = delete;
+    pipeline& operator=(const pipeline&) = delete;
+    GstElement* by_name(const char* name) const { return gst_bin_get_by_name(GST_BIN(bin), name); }
+};
 
 }  // namespace vq_element_test

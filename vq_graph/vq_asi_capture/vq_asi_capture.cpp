@@ -121,7 +121,9 @@ GstStateChangeReturn vq_asi_capture::change_state(GstStateChange transition) {
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
         g_print("vq_asi_capture: PLAYING_TO_PAUSED\n");
         stop();
-        break;
+        // Live again: a paused sink waiting for a preroll buffer that a stopped capture
+        // never sends would otherwise keep the pipeline from ever completing PAUSED.
+        return GST_STATE_CHANGE_NO_PREROLL;
     case GST_STATE_CHANGE_READY_TO_NULL:
         g_print("vq_asi_capture: READY_TO_NULL\n");
         close();
@@ -133,40 +135,72 @@ GstStateChangeReturn vq_asi_capture::change_state(GstStateChange transition) {
 }
 
 bool vq_asi_capture::start() {
-    // Completes a stop that had to wait for the sink.
-    if (m_asi_thread.joinable())
-        stop_capture_thread(false);
+    // A sink that paused before us may still hold the previous capture thread in a push
+    // (see stop_capture_thread). That thread owns the pad and the device until it
+    // returns, and joining it here could wait on the application itself (an appsink
+    // whose queue only the application empties), so the start then runs on the new
+    // capture thread, in the same order, once the old one has returned.
+    if (m_asi_thread.joinable() && m_fAsiDone.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        start_after_previous_thread();
+        return true;
+    }
+    if (m_asi_thread.joinable()) {
+        m_asi_thread.join();
+        release_capture();
+    }
+    begin_capture(m_eInputType, m_nPLP);
+    // Unlinked, the element plays but captures nothing.
+    if (!isConnect(m_asi_pad.pad))
+        return true;
+    launch_capture_thread([this](std::future<void> exit) { work_asi_thread(std::move(exit)); });
+    return true;
+}
+
+void vq_asi_capture::begin_capture(eInputType inputType, uint8_t plp) {
     m_alarms.start();
     m_statistics.reset();
     neogation();
     if (m_asi.is_open())
         m_asi.start_capture();
 
-    switch (m_eInputType) {
+    switch (inputType) {
     case eInputTS:
-        m_pDataProvider =
-            std::make_shared<vq_mpegts_provider>(m_asi_pad, m_pAsiBufferPool, m_statistics, m_alarms);
+        m_pDataProvider = std::make_shared<vq_mpegts_provider>(m_asi_pad, m_pAsiBufferPool, m_statistics, m_alarms);
         break;
     case eInputT2MI:
         m_pDataProvider =
-            std::make_shared<vq_t2mi_provider>(m_asi_pad, m_pAsiBufferPool, m_statistics, m_nPLP, m_alarms);
+            std::make_shared<vq_t2mi_provider>(m_asi_pad, m_pAsiBufferPool, m_statistics, plp, m_alarms);
         break;
     }
+}
 
-    // Unlinked, the element plays but captures nothing.
-    if (!isConnect(m_asi_pad.pad))
-        return true;
-
+void vq_asi_capture::launch_capture_thread(std::function<void(std::future<void>)> body) {
     m_fAsiExit = std::make_shared<std::promise<void>>();
     auto done = std::make_shared<std::promise<void>>();
     m_fAsiDone = done->get_future();
     m_asi_thread = std::thread(
-        [this, done](std::future<void> exit) {
-            work_asi_thread(std::move(exit));
+        [body = std::move(body), done](std::future<void> exit) {
+            body(std::move(exit));
             done->set_value();
         },
         m_fAsiExit->get_future());
-    return true;
+}
+
+void vq_asi_capture::start_after_previous_thread() {
+    auto previous = std::make_shared<std::thread>(std::move(m_asi_thread));
+    // Read now: the properties may change while the previous thread is still pushing.
+    const eInputType inputType = m_eInputType;
+    const uint8_t plp = m_nPLP;
+    launch_capture_thread([this, previous, inputType, plp](std::future<void> exit) {
+        previous->join();
+        // Stopped again meanwhile: the release is left to the next start or close.
+        if (exit.wait_for(std::chrono::seconds(0)) == std::future_status::ready)
+            return;
+        release_capture();
+        begin_capture(inputType, plp);
+        if (isConnect(m_asi_pad.pad))
+            work_asi_thread(std::move(exit));
+    });
 }
 
 void vq_asi_capture::stop() { stop_capture_thread(true); }
@@ -184,14 +218,20 @@ void vq_asi_capture::stop_capture_thread(bool mayDefer) {
             m_fAsiExit->set_value();
             m_fAsiExit.reset();
         }
-        // Sinks reach PAUSED before their source does, and a sink in PAUSED keeps the
-        // next pushed buffer waiting for preroll. A capture thread caught in such a push
-        // only returns when the sink plays again or stops, so the rest of the stop is
-        // then left to the next start or close instead of blocking the state change.
+        // Sinks reach PAUSED before their source does, and a paused sink keeps the next
+        // pushed buffer waiting for preroll (an appsink whose queue is full waits for
+        // the application). A flush would free the push but makes filesink truncate its
+        // file on flush-stop, so, as a live GstBaseSrc does, the thread is left in its
+        // push and the rest of the stop goes to the next start or close: by then the
+        // sink plays again or flushes on its way down, and the push returns.
         if (mayDefer && m_fAsiDone.wait_for(kThreadStopWait) != std::future_status::ready)
             return;
         m_asi_thread.join();
     }
+    release_capture();
+}
+
+void vq_asi_capture::release_capture() {
     if (m_asi.is_open())
         m_asi.stop_capture();
     m_pDataProvider.reset();

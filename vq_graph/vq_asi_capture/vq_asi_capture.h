@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -67,10 +68,18 @@ protected:
     virtual void work_asi_thread(std::future<void>&& exit);
 
 private:
-    // One round of the capture loop with a filled device buffer.
+    // Start steps 1 to 5: alarms, statistics, negotiation, streaming on, a new provider.
+    void begin_capture(eInputType inputType, uint8_t plp);
+    // Runs body on a new capture thread with a fresh exit signal.
+    void launch_capture_thread(std::function<void(std::future<void>)> body);
+    // A start while the previous capture thread is still inside a downstream push.
+    void start_after_previous_thread();
     // Signals the capture thread to end and joins it, then releases what it used; with
     // mayDefer, a thread still caught in a push after a short wait is left running.
     void stop_capture_thread(bool mayDefer);
+    // What a stop releases once the capture thread has returned.
+    void release_capture();
+    // One round of the capture loop with a filled device buffer.
     void process_frame(uint64_t tStart, uint64_t tStop, uint64_t frameNumber, uint8_t* data, size_t size,
                        std::chrono::steady_clock::time_point& tLastFrame);
 
