@@ -1,8 +1,10 @@
 // Throughput of the synchroniser, the transport packet parser and the T2-MI
-// decapsulator over ~100 MB in memory, built by repeating real captures.
+// decapsulator over ~100 MB in memory (VQ_BENCH_MB overrides the size), built
+// by repeating real captures.
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -14,7 +16,11 @@
 
 namespace {
 
-constexpr size_t kTarget = 100u << 20;
+size_t targetBytes() {
+    const char* mb = std::getenv("VQ_BENCH_MB");
+    const long value = mb ? std::atol(mb) : 0;
+    return (value > 0 ? static_cast<size_t>(value) : 100u) << 20;
+}
 
 std::vector<uint8_t> repeatCapture(const std::string& name) {
     std::ifstream in(std::string(VQ_TEST_DATA_DIR) + "/" + name, std::ios::binary);
@@ -22,8 +28,9 @@ std::vector<uint8_t> repeatCapture(const std::string& name) {
     std::vector<uint8_t> out;
     if (file.empty())
         return out;
-    out.reserve(kTarget + file.size());
-    while (out.size() < kTarget)
+    const size_t target = targetBytes();
+    out.reserve(target + file.size());
+    while (out.size() < target)
         out.insert(out.end(), file.begin(), file.end());
     return out;
 }

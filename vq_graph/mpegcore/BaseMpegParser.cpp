@@ -75,6 +75,17 @@ unsigned long CBaseMpegParser::Process(unsigned char* data, unsigned long size) 
         length = m_lTailLength;
         m_lTailLength = 0;
     }
+    // One packet record serves the whole run: building a fresh one zeroes its
+    // 300-byte adaptation field for every packet, which cost more than the
+    // rest of the header. A nested call (from a callback) gets its own record.
+    std::unique_ptr<transport_packet> nested;
+    transport_packet* record = &m_packet;
+    if (m_bInProcess) {
+        nested.reset(new transport_packet);
+        record = nested.get();
+    }
+    const bool outer = !m_bInProcess;
+    m_bInProcess = true;
     size_t pos = 0;
     while (length - pos >= static_cast<size_t>(transport_packet::size)) {
         unsigned char* p = run + pos;
@@ -83,7 +94,13 @@ unsigned long CBaseMpegParser::Process(unsigned char* data, unsigned long size) 
             ++pos;
             continue;
         }
-        transport_packet packet;
+        transport_packet& packet = *record;
+        // A record that carried an adaptation field is blanked again, so that
+        // every packet without one still shows an all-zero field.
+        if (record != &m_packet || m_bAfDirty) {
+            packet.af = adaptation_field();
+            m_bAfDirty = false;
+        }
         packet.transport_error_indicator = p[1] >> 7;
         packet.payload_unit_start_indicator = (p[1] >> 6) & 1;
         packet.transport_priority = (p[1] >> 5) & 1;
@@ -95,11 +112,15 @@ unsigned long CBaseMpegParser::Process(unsigned char* data, unsigned long size) 
         packet.lSizePkt = transport_packet::size;
         packet.pCurrDataPkt = p + 4;
         packet.lCurrSizePkt = transport_packet::size - 4;
+        if (record == &m_packet && packet.hasAdaptationField())
+            m_bAfDirty = true;
         OnPreProcess(0, packet);
         ParserData(packet);
         OnProcess(0, packet);
         pos += transport_packet::size;
     }
+    if (outer)
+        m_bInProcess = false;
     if (m_bUseTail && length > pos)
         keepTail(run + pos, length - pos);
     return static_cast<unsigned long>(pos);

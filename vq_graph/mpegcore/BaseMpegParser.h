@@ -154,6 +154,10 @@ private:
     void readPMT(const transport_packet& packet, CBaseMpegProgram& program);
     // Stores the bytes from `from` as the tail, growing the block if needed.
     void keepTail(const unsigned char* from, size_t size);
+
+    transport_packet m_packet;  // the record Process fills for each packet
+    bool m_bAfDirty = false;    // m_packet.af may hold a parsed adaptation field
+    bool m_bInProcess = false;
 };
 
 }  // namespace mpegcore

@@ -23,6 +23,8 @@ void vq_mpegts_sync::push_data(uint64_t tStart, uint64_t tStop, uint8_t* data, s
         reset(m_nTailSize + size);
     uint8_t* run = data;
     size_t runSize = size;
+    if (m_nTailSize && completeHeldPacket(tStart, tStop, data, size))
+        return;
     if (m_nTailSize) {
         std::memcpy(m_pTail.get() + m_nTailSize, data, size);
         run = m_pTail.get();
@@ -35,7 +37,31 @@ void vq_mpegts_sync::push_data(uint64_t tStart, uint64_t tStop, uint8_t* data, s
     processing(run, runSize);
 }
 
-void vq_mpegts_sync::processing(uint8_t* data, size_t size) {
+bool vq_mpegts_sync::completeHeldPacket(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size) {
+    const size_t held = m_nTailSize;
+    if (!m_bSync || m_pTail[0] != sync_byte || held >= m_nPacketSize || size < m_nPacketSize - held)
+        return false;
+    // Locked, and the held bytes start a packet: only that packet is joined in
+    // the work buffer; the rest of the frame is delivered in place, with the
+    // timestamps and state that the run of tail and frame together would give.
+    const size_t head = m_nPacketSize - held;
+    std::memcpy(m_pTail.get() + held, data, head);
+    m_nTailSize = 0;
+    m_tStart = tStart;
+    m_tStop = tStop;
+    m_nSize = held + size;
+    m_fCallback(timeAt(0), m_pTail.get(), m_nPacketSize);
+    const size_t rest = size - head;
+    if (rest >= m_nPacketSize) {
+        processing(data + head, rest, m_nPacketSize);
+    } else if (rest) {
+        std::memcpy(m_pTail.get(), data + head, rest);
+        m_nTailSize = rest;
+    }
+    return true;
+}
+
+void vq_mpegts_sync::processing(uint8_t* data, size_t size, size_t runOffset) {
     size_t cur = 0;    // start of the candidate packet
     size_t probe = 0;  // sync byte being checked
     size_t cand = ts_packet_size;
@@ -74,7 +100,7 @@ void vq_mpegts_sync::processing(uint8_t* data, size_t size) {
                 // A locked packet is delivered only when it lies wholly in the run.
                 if (size - cur < m_nPacketSize)
                     break;
-                m_fCallback(timeAt(cur), data + cur, m_nPacketSize);
+                m_fCallback(timeAt(runOffset + cur), data + cur, m_nPacketSize);
                 cur += m_nPacketSize;
                 probe = cur;
             }

@@ -32,7 +32,8 @@ public:
 
 protected:
     // The search and delivery loop over one run; keeps what is left as the tail.
-    void processing(uint8_t* data, size_t size);
+    // runOffset: where data lies in the current run, for the timestamps.
+    void processing(uint8_t* data, size_t size, size_t runOffset = 0);
 
     std::unique_ptr<uint8_t[]> m_pTail;
     size_t m_nTailSize = 0;
@@ -47,6 +48,9 @@ protected:
     size_t m_nSize = 0;
 
 private:
+    // The fast way through a frame that follows a held partial packet; false
+    // when the tail and frame must be joined whole.
+    bool completeHeldPacket(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size);
     // Time of the byte `offset` bytes into the current run.
     uint64_t timeAt(size_t offset) const {
         return m_tStart + (m_tStop - m_tStart) * offset / m_nSize;
