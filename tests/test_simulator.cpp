@@ -614,6 +614,145 @@ TEST(Simulator, WithoutInputFileServesNullPackets) {
     }
 }
 
+TEST(Simulator, PacketSizeScriptSwitchesBetween188And204) {
+    constexpr size_t kFrame = 18803;  // frames end anywhere inside a packet
+    std::vector<uint8_t> input = vq_test::readDataFile(kInput);
+    std::string file = summary_file();
+    std::vector<uint8_t> served;
+    {
+        scoped_env env(settings(
+            {{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_PACKET_SIZE", "188:0.25,204:0.25"}}));
+        client c;
+        ASSERT_TRUE(c.start(4));
+        // Fast pacing serves a frame per request: spread the requests over 1.2 s.
+        std::vector<frame_record> frames;
+        for (int i = 0; i < 60; ++i) {
+            frames.push_back(frame_record{});
+            ASSERT_TRUE(c.next(frames.back()));
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        served = concat(frames);
+    }
+    summary s = read_summary(file, kDevice);
+    auto switches = s.events_of("packet_size");
+    ASSERT_GE(switches.size(), 3u);
+    EXPECT_EQ(switches.size(), s.number("packet_size_switches"));
+    EXPECT_EQ(s.number("packet_size"), 188u);
+
+    // Walk the units: 188-byte packets until the first switch, then as each event says.
+    size_t filePackets = input.size() / kPacket;
+    size_t at = 0, next = 0, packet = 0, units204 = 0;
+    unsigned size = 188;
+    while (at + 204 <= served.size()) {
+        if (next < switches.size() && stream_offset(switches[next], kFrame) == at) {
+            unsigned newSize = unsigned(std::stoul(switches[next].at("size")));
+            EXPECT_NE(newSize, size);
+            size = newSize;
+            ++next;
+        }
+        ASSERT_EQ(0, std::memcmp(&served[at], &input[(packet % filePackets) * kPacket], kPacket)) << "offset " << at;
+        for (size_t j = kPacket; j < size; ++j)
+            ASSERT_EQ(served[at + j], 0) << "offset " << at;
+        units204 += size == 204;
+        at += size;
+        ++packet;
+    }
+    EXPECT_EQ(next, switches.size()) << "a switch fell between two units";
+    EXPECT_GE(s.number("parity_bytes"), units204 * 16);
+    EXPECT_GT(units204, 0u);
+}
+
+TEST(Simulator, DataGapsStopFramesUnderAGoodSignal) {
+    std::vector<uint8_t> input = vq_test::readDataFile(kInput);
+    std::string file = summary_file();
+    std::vector<frame_record> frames;
+    uint64_t afterOpen = 0;
+    size_t failedQueries = 0;
+    {
+        scoped_env env(settings({{"VQASISIM_PACING", "realtime"},
+                                 {"VQASISIM_FRAME_SIZE", "1880"},
+                                 {"VQASISIM_DATA_GAP", "0.3:0.3"}}));
+        client c;
+        afterOpen = monotonic_ns();
+        ASSERT_TRUE(c.start());
+        while (monotonic_ns() - afterOpen < 1400000000u) {
+            v4l2_dv_timings t{};
+            failedQueries += ioctl(c.fd(), VIDIOC_QUERY_DV_TIMINGS, &t) != 0;
+            frame_record f;
+            while (c.next(f))
+                frames.push_back(f);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    EXPECT_EQ(failedQueries, 0u);
+    summary s = read_summary(file, kDevice);
+    EXPECT_GE(s.number("data_gaps"), 2u);
+    EXPECT_GT(s.number("gap_slots"), 20u);
+    EXPECT_EQ(s.number("idle_slots"), 0u);
+    auto changes = s.events_of("data");
+    ASSERT_GE(changes.size(), 3u);
+    for (size_t i = 0; i < changes.size(); ++i)
+        EXPECT_EQ(changes[i].at("state"), i % 2 == 0 ? "off" : "on");
+    // No frame is stamped inside a gap (0.3-0.6 s, 0.9-1.2 s after the open).
+    size_t inGap = 0;
+    for (const frame_record& f : frames) {
+        double t = double(f.timestamp_ns - afterOpen) / 1e9;
+        inGap += (t > 0.32 && t < 0.58) || (t > 0.92 && t < 1.18);
+    }
+    EXPECT_EQ(inGap, 0u);
+    // A gap uses neither sequence numbers nor stream bytes.
+    ASSERT_GT(frames.size(), 20u);
+    for (size_t i = 0; i < frames.size(); ++i)
+        EXPECT_EQ(frames[i].sequence, i);
+    std::vector<uint8_t> bytes = concat(frames);
+    EXPECT_TRUE(bytes == looped(input, bytes.size()));
+}
+
+TEST(Simulator, RemovedDeviceFailsWithNoDevice) {
+    std::string file = summary_file();
+    {
+        scoped_env env(settings({{"VQASISIM_PACING", "realtime"},
+                                 {"VQASISIM_FRAME_SIZE", "1880"},
+                                 {"VQASISIM_REMOVE_AFTER", "0.3"}}));
+        client c;
+        ASSERT_TRUE(c.start(4));
+        const uint64_t start = monotonic_ns();
+        size_t frames = 0;
+        int error = 0;
+        while (monotonic_ns() - start < 2000000000u) {
+            v4l2_buffer buf = client::buffer(0);
+            if (ioctl(c.fd(), VIDIOC_DQBUF, &buf) == 0) {
+                ++frames;
+                ASSERT_EQ(ioctl(c.fd(), VIDIOC_QBUF, &buf), 0);
+            } else if (errno != EAGAIN) {
+                error = errno;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_EQ(error, ENODEV);
+        EXPECT_GT(frames, 5u);
+        v4l2_dv_timings t{};
+        EXPECT_EQ(ioctl(c.fd(), VIDIOC_QUERY_DV_TIMINGS, &t), -1);
+        EXPECT_EQ(errno, ENODEV);
+        v4l2_buffer buf = client::buffer(1);
+        EXPECT_EQ(ioctl(c.fd(), VIDIOC_QBUF, &buf), -1);
+        EXPECT_EQ(errno, ENODEV);
+        EXPECT_EQ(open(kDevice, O_RDWR | O_NONBLOCK), -1);
+        EXPECT_EQ(errno, ENODEV);
+    }
+    summary s = read_summary(file, kDevice);
+    EXPECT_EQ(s.events_of("removed").size(), 1u);
+    EXPECT_GE(s.number("removed_failures"), 3u);
+    EXPECT_GE(s.ioctl_calls("DQBUF").second, 1u);
+    // Every descriptor closed: the next session finds the board back.
+    scoped_env env(settings({{"VQASISIM_FRAME_SIZE", "1880"}, {"VQASISIM_REMOVE_AFTER", "30"}}));
+    client again;
+    ASSERT_TRUE(again.start(2));
+    frame_record f;
+    EXPECT_TRUE(again.next(f));
+}
+
 TEST(Simulator, SummaryIsWrittenAtExitForNodesLeftOpen) {
     std::string file = summary_file();
     std::remove(file.c_str());

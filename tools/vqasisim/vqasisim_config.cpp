@@ -71,19 +71,31 @@ bool parse_signal_kind(const std::string& name, signal_kind& kind) {
     return false;
 }
 
-bool parse_signal(const std::string& text, std::vector<signal_step>& steps) {
+// A positive, finite number of seconds.
+bool parse_seconds(const std::string& text, double& seconds) {
+    char* end = nullptr;
+    seconds = std::strtod(text.c_str(), &end);
+    return !text.empty() && *end == '\0' && seconds > 0 && std::isfinite(seconds);
+}
+
+bool parse_packet_size(const std::string& text, unsigned& size) {
+    uint64_t value = 0;
+    if (!parse_uint(text, value) || (value != 188 && value != 204))
+        return false;
+    size = unsigned(value);
+    return true;
+}
+
+// VALUE[:SECONDS],... with `parse_value` reading each VALUE.
+template <typename T, typename Parse>
+bool parse_script(const std::string& text, std::vector<timed_step<T>>& steps, Parse parse_value) {
     for (const std::string& item : split(text, ',')) {
-        signal_step step;
+        timed_step<T> step;
         size_t colon = item.find(':');
-        if (!parse_signal_kind(item.substr(0, colon), step.kind))
+        if (!parse_value(item.substr(0, colon), step.value))
             return false;
-        if (colon != std::string::npos) {
-            char* end = nullptr;
-            std::string seconds = item.substr(colon + 1);
-            step.seconds = std::strtod(seconds.c_str(), &end);
-            if (seconds.empty() || *end != '\0' || !(step.seconds > 0) || !std::isfinite(step.seconds))
-                return false;
-        }
+        if (colon != std::string::npos && !parse_seconds(item.substr(colon + 1), step.seconds))
+            return false;
         steps.push_back(step);
     }
     return !steps.empty();
@@ -181,24 +193,18 @@ std::string config::input_for(size_t device_index) const {
     return device_index < inputs.size() ? inputs[device_index] : inputs.front();
 }
 
-signal_kind config::signal_at(double seconds) const {
-    double total = 0;
-    for (const signal_step& step : signal) {
-        if (step.seconds < 0)
-            break;
-        total += step.seconds;
+signal_kind config::signal_at(double seconds) const { return value_at(signal, seconds, signal_kind::ok); }
+
+unsigned config::packet_size_at(double seconds) const { return value_at(packet_sizes, seconds, packet_size); }
+
+bool config::mixed_packet_sizes() const {
+    if (packet_size != 188)
+        return true;
+    for (const packet_size_step& step : packet_sizes) {
+        if (step.value != 188)
+            return true;
     }
-    for (;;) {
-        for (const signal_step& step : signal) {
-            if (step.seconds < 0 || seconds < step.seconds)
-                return step.kind;
-            seconds -= step.seconds;
-        }
-        // Every step has a length: the script repeats.
-        if (signal.empty() || total <= 0)
-            return signal_kind::ok;
-        seconds = std::fmod(seconds, total);
-    }
+    return false;
 }
 
 std::vector<std::string> configured_devices() {
@@ -235,7 +241,7 @@ config read_config(std::string& warnings) {
     c.max_buffers = uint32_t(value);
 
     if (const char* v = env("VQASISIM_SIGNAL")) {
-        if (!parse_signal(v, c.signal)) {
+        if (!parse_script(v, c.signal, parse_signal_kind)) {
             c.signal.clear();
             warn(warnings, "VQASISIM_SIGNAL", v, "STATE[:SECONDS],... with states ok nodata nolink nolock range unknown");
         }
@@ -244,12 +250,31 @@ config read_config(std::string& warnings) {
     read_every_count("VQASISIM_GARBAGE", c.garbage, warnings);
     read_every_count("VQASISIM_EMPTY", c.empty, warnings);
     read_uint("VQASISIM_CC_ERRORS", 2, UINT64_MAX, c.cc_every, warnings);
-    value = c.packet_size;
-    read_uint("VQASISIM_PACKET_SIZE", 188, 204, value, warnings);
-    if (value == 188 || value == 204)
-        c.packet_size = unsigned(value);
-    else
-        warn(warnings, "VQASISIM_PACKET_SIZE", std::to_string(value), "188 or 204");
+    if (const char* v = env("VQASISIM_PACKET_SIZE")) {
+        if (parse_script(v, c.packet_sizes, parse_packet_size)) {
+            c.packet_size = c.packet_sizes.front().value;
+        } else {
+            c.packet_sizes.clear();
+            warn(warnings, "VQASISIM_PACKET_SIZE", v, "188, 204 or SIZE[:SECONDS],... with sizes 188 and 204");
+        }
+    }
+    if (const char* v = env("VQASISIM_DATA_GAP")) {
+        std::string text(v);
+        size_t colon = text.find(':');
+        every_length gap;
+        if (colon != std::string::npos && parse_seconds(text.substr(0, colon), gap.every) &&
+            parse_seconds(text.substr(colon + 1), gap.length))
+            c.data_gap = gap;
+        else
+            warn(warnings, "VQASISIM_DATA_GAP", text, "EVERY:LENGTH in seconds, both above 0");
+    }
+    if (const char* v = env("VQASISIM_REMOVE_AFTER")) {
+        double seconds = 0;
+        if (std::strcmp(v, "0") == 0 || parse_seconds(v, seconds))
+            c.remove_after = seconds;
+        else
+            warn(warnings, "VQASISIM_REMOVE_AFTER", v, "a number of seconds, 0 or more");
+    }
 
     if (const char* v = env("VQASISIM_FAIL")) {
         for (const std::string& item : split(v, ',')) {

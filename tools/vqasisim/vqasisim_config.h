@@ -1,6 +1,7 @@
 #pragma once
 // Settings of the simulated capture board, read from the VQASISIM_* variables.
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,9 +20,45 @@ enum class signal_kind { ok, no_data, no_link, no_lock, range, unknown };
 
 const char* signal_name(signal_kind kind);
 
-struct signal_step {
-    signal_kind kind = signal_kind::ok;
-    double seconds = -1;  // negative: for ever
+// One step of a script over time: `value` for `seconds` (negative: for ever).
+// A script whose steps all have a length repeats.
+template <typename T>
+struct timed_step {
+    T value{};
+    double seconds = -1;
+};
+
+// The value of `script` `seconds` after its start; `fallback` for an empty script.
+template <typename T>
+T value_at(const std::vector<timed_step<T>>& script, double seconds, T fallback) {
+    double total = 0;
+    for (const timed_step<T>& step : script) {
+        if (step.seconds < 0)
+            break;
+        total += step.seconds;
+    }
+    for (;;) {
+        for (const timed_step<T>& step : script) {
+            if (step.seconds < 0 || seconds < step.seconds)
+                return step.value;
+            seconds -= step.seconds;
+        }
+        if (script.empty() || !(total > 0))
+            return fallback;
+        seconds = std::fmod(seconds, total);
+    }
+}
+
+using signal_step = timed_step<signal_kind>;
+using packet_size_step = timed_step<unsigned>;
+
+// "every `every` seconds, `length` seconds of something"; off when either is 0.
+struct every_length {
+    double every = 0;
+    double length = 0;
+    bool enabled() const { return every > 0 && length > 0; }
+    // Inside a span: from `every` to `every` + `length` of each period.
+    bool inside(double seconds) const { return enabled() && std::fmod(seconds, every + length) >= every; }
 };
 
 // Refuse an ioctl (or the buffer mapping, name "MMAP") from its n-th call on.
@@ -44,7 +81,10 @@ struct config {
     every_count garbage;
     every_count empty;
     uint64_t cc_every = 0;
-    unsigned packet_size = 188;
+    unsigned packet_size = 188;  // the first (or only) packet size
+    std::vector<packet_size_step> packet_sizes;  // a switching script; empty: packet_size for ever
+    every_length data_gap;
+    double remove_after = -1;  // seconds after the open when the device disappears; negative: never
     std::vector<fail_rule> fails;
     std::string summary_path;
 
@@ -54,6 +94,10 @@ struct config {
     std::string input_for(size_t device_index) const;
     // State of the receiver `seconds` after the device was opened.
     signal_kind signal_at(double seconds) const;
+    // Packet size `seconds` after the device was opened.
+    unsigned packet_size_at(double seconds) const;
+    // True when any packet is not a plain 188-byte one.
+    bool mixed_packet_sizes() const;
 };
 
 // Reads every VQASISIM_* variable; problems are described in `warnings`, one per line,

@@ -151,6 +151,8 @@ void sim_device::start_session() {
     m_events.clear();
     m_eventsDropped = 0;
     m_lastAnswer = signal_kind::ok;
+    m_inDataGap = false;
+    m_removed = false;
 }
 
 int sim_device::open(int flags, size_t index) {
@@ -164,6 +166,8 @@ int sim_device::open(int flags, size_t index) {
         }
     }
     int error = 0;
+    if (removed(monotonic_ns()))
+        return -ENODEV;  // gone until every descriptor of the session is closed
     if (injected_failure("OPEN", error))
         return -error;
     if ((flags & O_ACCMODE) == O_WRONLY)
@@ -211,7 +215,13 @@ int sim_device::ioctl(int fd, unsigned long request, void* arg, std::unique_lock
     std::pair<std::string, int> key{name, type_of(request, arg)};
     ++m_ioctls[key].calls;
     int error = 0;
-    int result = injected_failure(name, error) ? -error : handle(fd, request, arg, lock);
+    int result = 0;
+    if (removed(monotonic_ns())) {
+        ++m_counters.removed_failures;
+        result = -ENODEV;
+    } else {
+        result = injected_failure(name, error) ? -error : handle(fd, request, arg, lock);
+    }
     if (result != 0)
         ++m_ioctls[key].failed;
     rearm_timer();
@@ -505,17 +515,45 @@ int sim_device::stream_off(int fd, void* arg) {
     return 0;
 }
 
-signal_kind sim_device::signal_now(uint64_t now) const {
-    return m_config.signal_at(double(now - m_openedNs) / 1e9);
+double sim_device::seconds_since_open(uint64_t now) const { return double(now - m_openedNs) / 1e9; }
+
+signal_kind sim_device::signal_now(uint64_t now) const { return m_config.signal_at(seconds_since_open(now)); }
+
+bool sim_device::data_flows(uint64_t when) {
+    if (signal_now(when) != signal_kind::ok)
+        return false;
+    bool gap = m_config.data_gap.inside(seconds_since_open(when));
+    if (gap != m_inDataGap) {
+        m_inDataGap = gap;
+        if (gap)
+            ++m_counters.data_gaps;
+        char text[96];
+        std::snprintf(text, sizeof text, "event=data state=%s at=%.3f", gap ? "off" : "on", seconds_since_open(when));
+        add_event(text);
+    }
+    return !gap;
+}
+
+bool sim_device::removed(uint64_t now) {
+    if (m_removed || m_config.remove_after < 0 || seconds_since_open(now) < m_config.remove_after)
+        return m_removed;
+    // As a board unplugged: streaming ends, the buffers already mapped stay readable.
+    m_removed = true;
+    stop_streaming();
+    char text[64];
+    std::snprintf(text, sizeof text, "event=removed at=%.3f", seconds_since_open(now));
+    add_event(text);
+    return true;
 }
 
 int sim_device::query_dv_timings(void* arg) {
     signal_kind kind = signal_now(monotonic_ns());
     ++m_counters.signal_answers[int(kind)];
     if (kind != m_lastAnswer) {
+        ++m_counters.signal_entries[int(kind)];
         char text[96];
         std::snprintf(text, sizeof text, "event=signal state=%s at=%.3f", signal_name(kind),
-                      double(monotonic_ns() - m_openedNs) / 1e9);
+                      seconds_since_open(monotonic_ns()));
         add_event(text);
         m_lastAnswer = kind;
     }
@@ -551,13 +589,15 @@ void sim_device::produce(uint64_t now) {
         return;
     if (!m_config.realtime) {
         // As fast as the reader takes frames: one frame whenever nothing is waiting.
-        if (m_done.empty() && !m_incoming.empty() && signal_now(now) == signal_kind::ok)
+        if (m_done.empty() && !m_incoming.empty() && data_flows(now))
             fill_slot(now);
         return;
     }
     while (m_nextDue <= now) {
-        if (signal_now(m_nextDue) == signal_kind::ok)
+        if (data_flows(m_nextDue))
             fill_slot(m_nextDue);
+        else if (signal_now(m_nextDue) == signal_kind::ok)
+            ++m_counters.gap_slots;
         else
             ++m_counters.idle_slots;
         m_nextDue += m_config.frame_interval_ns();
@@ -604,7 +644,7 @@ void sim_device::fill_slot(uint64_t due) {
         add_event(text);
     } else {
         std::vector<stream_mark> marks;
-        m_source.read(m_memory + m_stride * index, m_length, marks);
+        m_source.read(m_memory + m_stride * index, m_length, marks, seconds_since_open(due));
         b.bytesused = m_length;
         ++m_counters.data_frames;
         ++m_dataSinceEmpty;
@@ -615,6 +655,8 @@ void sim_device::fill_slot(uint64_t due) {
                 std::snprintf(text, sizeof text, "event=garbage frame=%llu pos=%llu bytes=%llu", frame, pos, value);
             else if (mark.kind == stream_mark::cc)
                 std::snprintf(text, sizeof text, "event=cc frame=%llu pos=%llu pid=%llu", frame, pos, value);
+            else if (mark.kind == stream_mark::packet_size)
+                std::snprintf(text, sizeof text, "event=packet_size frame=%llu pos=%llu size=%llu", frame, pos, value);
             else
                 std::snprintf(text, sizeof text, "event=loop frame=%llu pos=%llu", frame, pos);
             add_event(text);
@@ -629,22 +671,26 @@ void sim_device::fill_slot(uint64_t due) {
 void sim_device::rearm_timer() {
     if (m_owner == -1)
         return;
-    itimerspec spec{};
+    itimerspec timer{};
     int flags = 0;
-    if (m_streaming && !m_done.empty()) {
-        spec.it_value.tv_nsec = 1;
+    if (m_removed || (m_streaming && !m_done.empty())) {
+        timer.it_value.tv_nsec = 1;
     } else if (m_streaming && m_config.realtime) {
-        spec.it_value.tv_sec = time_t(m_nextDue / 1000000000u);
-        spec.it_value.tv_nsec = long(m_nextDue % 1000000000u);
+        timer.it_value.tv_sec = time_t(m_nextDue / 1000000000u);
+        timer.it_value.tv_nsec = long(m_nextDue % 1000000000u);
         flags = TFD_TIMER_ABSTIME;
     } else if (m_streaming && !m_incoming.empty()) {
-        spec.it_value.tv_nsec = 1;
+        timer.it_value.tv_nsec = 1;
     }
-    timerfd_settime(m_owner, flags, &spec, nullptr);
+    timerfd_settime(m_owner, flags, &timer, nullptr);
 }
 
 void* sim_device::mmap(void* addr, size_t length, int prot, int flags, off_t offset, int& error) {
     error = 0;
+    if (removed(monotonic_ns())) {
+        error = ENODEV;
+        return MAP_FAILED;
+    }
     if (injected_failure("MMAP", error))
         return MAP_FAILED;
     if (m_stride == 0 || offset < 0 || size_t(offset) % m_stride != 0 || size_t(offset) / m_stride >= m_buffers.size() ||
@@ -708,6 +754,9 @@ std::string sim_device::summary() const {
     line("seq_gaps", m_counters.seq_gaps);
     line("seq_gap_frames", m_counters.seq_gap_frames);
     line("idle_slots", m_counters.idle_slots);
+    line("data_gaps", m_counters.data_gaps);
+    line("gap_slots", m_counters.gap_slots);
+    line("removed_failures", m_counters.removed_failures);
     const stream_counters& sc = m_source.counters();
     line("file_bytes", sc.file_bytes);
     line("loops", sc.loops);
@@ -716,8 +765,11 @@ std::string sim_device::summary() const {
     line("garbage_bytes", sc.garbage_bytes);
     line("cc_errors", sc.cc_errors);
     line("parity_bytes", sc.parity_bytes);
+    line("packet_size_switches", sc.packet_size_switches);
     for (int k = 0; k < 6; ++k)
         line(("signal_" + std::string(signal_name(signal_kind(k)))).c_str(), m_counters.signal_answers[k]);
+    for (int k = 0; k < 6; ++k)
+        line(("signal_entries_" + std::string(signal_name(signal_kind(k)))).c_str(), m_counters.signal_entries[k]);
     line("mappings_left", is_open() ? m_mappings.size() : m_counters.mappings_left);
     for (const auto& entry : m_ioctls) {
         s += "ioctl=" + entry.first.first;

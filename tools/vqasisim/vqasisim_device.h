@@ -73,7 +73,11 @@ private:
         uint64_t seq_gaps = 0;
         uint64_t seq_gap_frames = 0;
         uint64_t idle_slots = 0;  // frame slots that passed without signal
+        uint64_t data_gaps = 0;   // spans without data while the signal was ok
+        uint64_t gap_slots = 0;   // frame slots that passed in them
+        uint64_t removed_failures = 0;  // requests refused because the device was gone
         uint64_t signal_answers[6] = {};
+        uint64_t signal_entries[6] = {};  // answers that differ from the one before
         uint64_t mappings_left = 0;
     };
 
@@ -104,6 +108,11 @@ private:
     void fill_v4l2_buffer(uint32_t index, void* arg) const;
     void rearm_timer();
     signal_kind signal_now(uint64_t now) const;
+    double seconds_since_open(uint64_t now) const;
+    // Whether frames may come at `when`: the signal is ok and no data gap is on.
+    bool data_flows(uint64_t when);
+    // The device has been removed: every request fails with ENODEV.
+    bool removed(uint64_t now);
     void add_event(const std::string& text);
 
     std::string m_path;
@@ -131,6 +140,8 @@ private:
     uint64_t m_dataSinceEmpty = 0;
     uint64_t m_emptyLeft = 0;
     signal_kind m_lastAnswer = signal_kind::ok;
+    bool m_inDataGap = false;
+    bool m_removed = false;
 
     counters m_counters;
     std::map<std::pair<std::string, int>, tally> m_ioctls;

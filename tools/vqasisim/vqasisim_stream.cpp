@@ -33,13 +33,15 @@ void stream_source::release() {
     m_size = 0;
 }
 
-bool stream_source::packet_mode() const { return m_packetSize != kPacket || m_garbage.enabled() || m_ccEvery != 0; }
+bool stream_source::packet_mode() const { return m_packetMode; }
 
 bool stream_source::open(const std::string& path, const config& settings, std::string& error) {
     release();
+    m_settings = settings;
     m_packetSize = settings.packet_size;
     m_garbage = settings.garbage;
     m_ccEvery = settings.cc_every;
+    m_packetMode = settings.mixed_packet_sizes() || m_garbage.enabled() || m_ccEvery != 0;
     m_counters = stream_counters{};
     rewind();
 
@@ -112,10 +114,16 @@ bool stream_source::take_packet(const uint8_t*& packet) {
     return false;
 }
 
-void stream_source::next_unit() {
+void stream_source::next_unit(double seconds) {
     m_unit.clear();
     m_unitPos = 0;
     m_unitMarks.clear();
+    const unsigned size = m_settings.packet_size_at(seconds);
+    if (size != m_packetSize) {
+        m_packetSize = size;
+        ++m_counters.packet_size_switches;
+        m_unitMarks.push_back({stream_mark::packet_size, 0, size});
+    }
     const uint8_t* packet = nullptr;
     while (!take_packet(packet)) {
     }
@@ -141,7 +149,7 @@ void stream_source::next_unit() {
     }
 }
 
-void stream_source::read(uint8_t* dst, size_t size, std::vector<stream_mark>& marks) {
+void stream_source::read(uint8_t* dst, size_t size, std::vector<stream_mark>& marks, double seconds) {
     size_t done = 0;
     if (!packet_mode()) {
         while (done < size) {
@@ -161,7 +169,7 @@ void stream_source::read(uint8_t* dst, size_t size, std::vector<stream_mark>& ma
     }
     while (done < size) {
         if (m_unitPos == m_unit.size())
-            next_unit();
+            next_unit(seconds);
         size_t n = std::min(size - done, m_unit.size() - m_unitPos);
         for (const stream_mark& mark : m_unitMarks) {
             if (mark.position >= m_unitPos && mark.position < m_unitPos + n)

@@ -14,9 +14,9 @@ namespace vqasisim {
 // Something noteworthy placed in the stream; `position` is its byte offset in
 // the block handed to stream_source::read.
 struct stream_mark {
-    enum kind_t { loop, garbage, cc } kind = loop;
+    enum kind_t { loop, garbage, cc, packet_size } kind = loop;
     size_t position = 0;
-    uint64_t value = 0;  // garbage: byte count; cc: PID of the packet left out
+    uint64_t value = 0;  // garbage: byte count; cc: PID of the packet left out; packet_size: the new size
 };
 
 struct stream_counters {
@@ -27,6 +27,7 @@ struct stream_counters {
     uint64_t garbage_bytes = 0;
     uint64_t cc_errors = 0;
     uint64_t parity_bytes = 0;
+    uint64_t packet_size_switches = 0;
 };
 
 class stream_source {
@@ -40,14 +41,15 @@ public:
     bool open(const std::string& path, const config& settings, std::string& error);
     // Back to the first byte of the input; counters are kept.
     void rewind();
-    // Fills `size` bytes and appends the marks that fall inside them.
-    void read(uint8_t* dst, size_t size, std::vector<stream_mark>& marks);
+    // Fills `size` bytes and appends the marks that fall inside them. `seconds`:
+    // the time since the open, which picks the packet size of the packets begun.
+    void read(uint8_t* dst, size_t size, std::vector<stream_mark>& marks, double seconds);
 
     const stream_counters& counters() const { return m_counters; }
 
 private:
     bool packet_mode() const;
-    void next_unit();
+    void next_unit(double seconds);
     bool take_packet(const uint8_t*& packet);
     void release();
 
@@ -58,7 +60,9 @@ private:
     std::vector<uint8_t> m_generated;  // null packet when there is no input file
     bool m_markLoops = true;
 
-    unsigned m_packetSize = 188;
+    config m_settings;  // packet size script and packet faults
+    bool m_packetMode = false;
+    unsigned m_packetSize = 188;  // of the last packet begun
     every_count m_garbage;
     uint64_t m_ccEvery = 0;
 
