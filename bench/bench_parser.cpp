@@ -1,12 +1,15 @@
 // Throughput of the synchroniser, the transport packet parser and the T2-MI
 // decapsulator over ~100 MB in memory (VQ_BENCH_MB overrides the size), built
-// by repeating real captures.
+// by repeating real captures, and of the parser on a generated multiplex of
+// many programs (the captures carry one program each).
 
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -78,6 +81,100 @@ void BM_Parser(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }
 BENCHMARK(BM_Parser)->Unit(benchmark::kMillisecond);
+
+// Packets of one PID with running continuity counters.
+class PacketMaker {
+public:
+    explicit PacketMaker(std::vector<uint8_t>& out) : m_out(out) {}
+
+    // One packet carrying a whole section (up to 183 bytes) after a zero pointer field.
+    void section(uint16_t pid, const mpegcore::CBaseMpegTable& table) {
+        const uint8_t* bytes = table.GetBuffer();
+        std::vector<uint8_t> payload = {0};
+        payload.insert(payload.end(), bytes, bytes + table.GetSizeBuffer());
+        packet(pid, true, payload);
+    }
+    void payload(uint16_t pid, bool unitStart) { packet(pid, unitStart, std::vector<uint8_t>(184, 0x5A)); }
+
+private:
+    void packet(uint16_t pid, bool unitStart, std::vector<uint8_t> payload) {
+        payload.resize(184, 0xFF);
+        m_out.push_back(0x47);
+        m_out.push_back(static_cast<uint8_t>((unitStart ? 0x40 : 0) | (pid >> 8)));
+        m_out.push_back(static_cast<uint8_t>(pid));
+        m_out.push_back(static_cast<uint8_t>(0x10 | (m_cc[pid]++ & 0x0F)));
+        m_out.insert(m_out.end(), payload.begin(), payload.end());
+    }
+
+    std::vector<uint8_t>& m_out;
+    std::map<uint16_t, uint8_t> m_cc;
+};
+
+// A multiplex of 16 programs, each a PMT with a CA descriptor and three
+// streams (PCR on the video); the PAT and every PMT once per 1,000 packets.
+std::vector<uint8_t>& multiplexStream() {
+    static std::vector<uint8_t> data = [] {
+        constexpr uint16_t kPrograms = 16;
+        mpegcore::CPAT pat(nullptr, 1024);
+        pat.section_syntax_indicator = 1;
+        pat.current_next_indicator = 1;
+        std::vector<std::unique_ptr<mpegcore::CPMT>> pmts;
+        std::vector<uint16_t> streams;
+        for (uint16_t n = 1; n <= kPrograms; ++n) {
+            const uint16_t pmtPid = static_cast<uint16_t>(0x100 * n);
+            mpegcore::CBaseMpegProgram program;
+            program.program_number = n;
+            program.map_PID.program_map_PID = pmtPid;
+            pat.program_map[pmtPid] = program;
+
+            auto pmt = std::make_unique<mpegcore::CPMT>(nullptr, 1024);
+            pmt->table_id = 0x02;
+            pmt->section_syntax_indicator = 1;
+            pmt->current_next_indicator = 1;
+            pmt->program_number = n;
+            pmt->PCR_PID = static_cast<uint16_t>(pmtPid + 1);
+            const uint8_t ca[] = {0x09, 4, 0x0B, 0x00, static_cast<uint8_t>(0xE0 | ((pmtPid + 9) >> 8)),
+                                  static_cast<uint8_t>(pmtPid + 9)};
+            VQSDK::VQBSReaderT<unsigned char*> reader(const_cast<uint8_t*>(ca), sizeof ca);
+            pmt->descriptors.read(reader);
+            const uint8_t types[] = {0x02, 0x04, 0x06};
+            for (uint16_t s = 0; s < 3; ++s) {
+                auto stream = std::make_shared<mpegcore::CBaseStreamTypeMap>();
+                stream->stream_type = types[s];
+                stream->elementary_PID = static_cast<uint16_t>(pmtPid + 1 + s);
+                pmt->stream_map[stream->elementary_PID] = stream;
+                streams.push_back(stream->elementary_PID);
+            }
+            pmt->RenderTable();
+            pmts.push_back(std::move(pmt));
+        }
+        pat.RenderTable();
+
+        std::vector<uint8_t> out;
+        const size_t target = targetBytes();
+        out.reserve(target + 1000 * 188);
+        PacketMaker maker(out);
+        while (out.size() < target) {
+            maker.section(0x0000, pat);
+            for (const auto& pmt : pmts)
+                maker.section(static_cast<uint16_t>(pmt->PCR_PID - 1), *pmt);
+            for (size_t i = 0; i < 1000 - 1 - pmts.size(); ++i)
+                maker.payload(streams[i % streams.size()], i % 40 < streams.size());
+        }
+        return out;
+    }();
+    return data;
+}
+
+// The parser following 16 programs and 48 streams.
+void BM_ParserMultiplex(benchmark::State& state) {
+    auto& data = multiplexStream();
+    mpegcore::CBaseMpegParser parser(true);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(parser.Process(data.data(), static_cast<unsigned long>(data.size())));
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
+}
+BENCHMARK(BM_ParserMultiplex)->Unit(benchmark::kMillisecond);
 
 // The element's path: every aligned packet goes to the parser on its own.
 void BM_SyncAndParser(benchmark::State& state) {

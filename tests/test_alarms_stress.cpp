@@ -100,3 +100,47 @@ TEST(AlarmsStress, EventsPollingAndManagerChangesRunTogether) {
     EXPECT_EQ(ccAlarms, ccEvents >= kPids ? size_t(kPids) : size_t(ccEvents));
     std::cout << "cc events: " << ccEvents << ", manager lines: " << reportedLines << "\n";
 }
+
+// The application renames the source while the capture thread raises per-PID
+// alarms: every alarm carries one of the names whole (and ThreadSanitizer
+// stays silent).
+TEST(AlarmsStress, SourceNameChangesWhileEventsFire) {
+    vq_test::recording_alarm_manager manager;
+    vq_alarms_dispatcher dispatcher;
+    dispatcher.set_source_name("first");
+    dispatcher.set_alarm_manager(&manager);
+    dispatcher.start();
+
+    std::atomic<bool> stop{false};
+    std::thread capture([&] {
+        for (uint32_t round = 0; !stop; ++round)
+            for (uint16_t pid = 0; pid < 2000 && !stop; ++pid) {
+                dispatcher.cc_event(pid);
+                dispatcher.input_data_event();
+            }
+    });
+    std::thread application([&] {
+        const std::string names[] = {"second", "a much longer third source name", "first"};
+        for (size_t i = 0; !stop; ++i) {
+            dispatcher.set_source_name(names[i % 3]);
+            EXPECT_FALSE(dispatcher.get_source_name().empty());
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    stop = true;
+    capture.join();
+    application.join();
+
+    size_t ccAlarms = 0;
+    for (const auto& alarm : manager.held()) {
+        const vq_alarm_data data = alarm->get_data();
+        if (data.code != eAlarmRemuxerInputCC)
+            continue;
+        ++ccAlarms;
+        EXPECT_TRUE(data.source == "first" || data.source == "second" ||
+                    data.source == "a much longer third source name")
+            << data.source;
+    }
+    EXPECT_EQ(ccAlarms, 2000u);
+    dispatcher.stop();
+}

@@ -477,6 +477,128 @@ TEST(BaseMpegParser, EcmFromProgramCaDescriptorAndEmmFromCat) {
     EXPECT_EQ(parser.others, std::vector<unsigned short>({0x150, 0x160, 0x170}));
 }
 
+TEST(BaseMpegParser, EveryCaDescriptorNamingThePidFiresItsOwnCallback) {
+    RecordingParser parser;
+    Bytes programCa = ca_descriptor(0x150);
+    append(programCa, ca_descriptor(0x150));
+    Bytes catCa = ca_descriptor(0x160);
+    append(catCa, ca_descriptor(0x160));
+    append(catCa, ca_descriptor(0x161));
+    Bytes data = programStart(0x101, programCa);
+    append(data, makeSectionPacket(0x001, 0, makeLongSection(0x01, 0xFFFF, catCa)));
+    append(data, payloadPacket(0x150, 0, true, 0));
+    append(data, payloadPacket(0x160, 0, true, 0));
+    parser.feed(data);
+    EXPECT_EQ(parser.ecm, std::vector<unsigned short>({0x150, 0x150}));
+    EXPECT_EQ(parser.emm, std::vector<unsigned short>({0x160, 0x160}));
+}
+
+namespace {
+
+// A PAT listing (program number, PMT PID) pairs.
+Bytes patOf(const std::vector<std::pair<uint16_t, uint16_t>>& programs) {
+    Bytes body;
+    for (const auto& program : programs) {
+        body.push_back(static_cast<uint8_t>(program.first >> 8));
+        body.push_back(static_cast<uint8_t>(program.first));
+        body.push_back(static_cast<uint8_t>(0xE0 | (program.second >> 8)));
+        body.push_back(static_cast<uint8_t>(program.second));
+    }
+    return makeLongSection(0x00, 1, body);
+}
+
+// Two programs (PMT PIDs 0x100 and 0x200) that share the stream 0x101.
+Bytes twoProgramsSharingAStream() {
+    Bytes data = makeSectionPacket(0, 0, patOf({{1, 0x100}, {2, 0x200}}));
+    append(data, makeSectionPacket(0x200, 0, makePmtSection(2, {{0x02, 0x101}, {0x04, 0x202}})));
+    append(data, makeSectionPacket(0x100, 0, makePmtSection(1, {{0x02, 0x101}, {0x04, 0x102}})));
+    return data;
+}
+
+}  // namespace
+
+TEST(BaseMpegParser, StreamOfTwoProgramsIsReportedForEachInPmtPidOrder) {
+    RecordingParser parser;
+    Bytes data = twoProgramsSharingAStream();
+    append(data, payloadPacket(0x101, 0, true, 0));
+    append(data, payloadPacket(0x202, 0, true, 0));
+    parser.feed(data);
+    ASSERT_EQ(parser.pes.size(), 3u);
+    EXPECT_EQ(parser.pes[0].pmtPid, 0x100);
+    EXPECT_EQ(parser.pes[1].pmtPid, 0x200);
+    EXPECT_EQ(parser.pes[2].pmtPid, 0x200);
+    EXPECT_EQ(parser.pes[2].pid, 0x202);
+    EXPECT_EQ(parser.programNumbers, std::vector<unsigned short>({1, 2, 2}));
+}
+
+TEST(BaseMpegParser, StreamsFollowEachNewPmtAndPat) {
+    RecordingParser parser;
+    Bytes data = programStart();
+    append(data, payloadPacket(0x103, 0, true, 0));  // not in the program yet
+    parser.feed(data);
+    EXPECT_TRUE(parser.pes.empty());
+
+    // A new PMT adds 0x103 and drops 0x102.
+    Bytes next = makeSectionPacket(0x100, 1, makePmtSection(1, {{0x02, 0x101}, {0x04, 0x103}}, 0x101));
+    append(next, payloadPacket(0x103, 1, false, 0));
+    append(next, payloadPacket(0x102, 0, true, 0));
+    parser.feed(next);
+    ASSERT_EQ(parser.pes.size(), 1u);
+    EXPECT_EQ(parser.pes[0].pid, 0x103);
+
+    // A PAT without the program: its streams are ordinary PIDs again.
+    Bytes pat = makeSectionPacket(0, 1, makePatSection(2, 0x180));
+    append(pat, payloadPacket(0x101, 0, true, 0));
+    append(pat, payloadPacket(0x103, 2, false, 0));
+    parser.feed(pat);
+    EXPECT_EQ(parser.pes.size(), 1u);
+    EXPECT_EQ(parser.others.back(), 0x103);
+}
+
+TEST(BaseMpegParser, PatSetByTheApplicationIsFollowed) {
+    RecordingParser parser;
+    Bytes data = makeSectionPacket(0x100, 0, makePmtSection(1, {{0x02, 0x101}}));
+    parser.feed(data);
+    EXPECT_EQ(parser.pmts, 0) << "no PAT yet";
+
+    CPAT pat(nullptr, 1024);
+    CBaseMpegProgram program;
+    program.map_PID.program_map_PID = 0x100;
+    pat.program_map[0x100] = program;  // keyed by PMT PID
+    parser.m_PAT.set(pat);
+    Bytes again = makeSectionPacket(0x100, 1, makePmtSection(1, {{0x02, 0x101}}));
+    append(again, payloadPacket(0x101, 0, true, 0));
+    parser.feed(again);
+    EXPECT_EQ(parser.pmts, 1);
+    EXPECT_EQ(parser.pes.size(), 1u);
+
+    parser.m_PAT.Clear();
+    Bytes after = payloadPacket(0x101, 1, false, 0);
+    parser.feed(after);
+    EXPECT_EQ(parser.pes.size(), 1u) << "no valid PAT: straight to onOtherPid";
+    EXPECT_EQ(parser.others.back(), 0x101);
+}
+
+TEST(BaseMpegParser, CallbackThatClearsTheParserEndsTheReportsOfThatPacket) {
+    // Clears the parser from inside the first report of the shared stream.
+    class ClearingParser : public RecordingParser {
+    public:
+        void OnPES(unsigned short pmtPid, const CBaseStreamTypeMap* stream, transport_packet* p) override {
+            RecordingParser::OnPES(pmtPid, stream, p);
+            if (p->PID == 0x101)
+                Clear();
+        }
+    } parser;
+    Bytes data = twoProgramsSharingAStream();
+    append(data, payloadPacket(0x101, 0, true, 0));
+    append(data, payloadPacket(0x101, 1, false, 0));
+    parser.feed(data);
+    ASSERT_EQ(parser.pes.size(), 1u);
+    EXPECT_EQ(parser.pes[0].pmtPid, 0x100);
+    EXPECT_TRUE(parser.programNumbers.empty()) << "the program its PMT named is gone";
+    EXPECT_EQ(parser.others, std::vector<unsigned short>({0x101, 0x101}));
+}
+
 TEST(BaseMpegParser, SiTablesAreRoutedByPidAndTableId) {
     RecordingParser parser;
     Bytes data;

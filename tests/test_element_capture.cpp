@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "element/element_test_util.h"
-#include "mpegcore/T2MIToTS.h"
 #include "support/recording_alarm_manager.h"
 #include "support/test_data.h"
 #include "vq_asi_capture/vq_alarm_data.h"
@@ -185,20 +184,6 @@ TEST(ElementCapture, PacketsOf204BytesLeaveAs188) {
     EXPECT_TRUE(packets_follow_source(out, source, kPacket, first));
 }
 
-// The decapsulator's output for a run of carrier bytes, with the sync bytes put back.
-class plp_extractor : public mpegcore::CT2MIToTS {
-public:
-    explicit plp_extractor(uint8_t plp) : CT2MIToTS(true) { SetPLPID(plp); }
-    std::vector<uint8_t> out;
-    using CT2MIToTS::Process;
-
-protected:
-    void OnTS(unsigned char, unsigned char* data, unsigned long size) override {
-        out.push_back(0x47);
-        out.insert(out.end(), data, data + size);
-    }
-};
-
 TEST(ElementCapture, T2miPlpEndToEnd) {
     const std::vector<uint8_t> carrier = vq_test::readDataFile("t2mi-plp102.ts");
     const std::vector<uint8_t> reference = vq_test::readDataFile("t2mi-plp102.reference-extracted.ts");
@@ -221,7 +206,7 @@ TEST(ElementCapture, T2miPlpEndToEnd) {
 
     // Running the decapsulator over the same bytes, from the fourth frame on.
     std::vector<uint8_t> bytes(carrier.begin() + 3 * kFrameSize, carrier.begin() + served["bytes"]);
-    plp_extractor expected(102);
+    vq_element_test::plp_extractor expected(102);
     for (size_t at = 0; at < bytes.size(); at += kFrameSize)
         expected.Process(&bytes[at], std::min(kFrameSize, bytes.size() - at));
     ASSERT_GE(expected.out.size(), out.size());

@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "element/element_test_util.h"
@@ -185,6 +186,41 @@ TEST(ElementPause, ASynchronisingSinkWaitingForPrerollBlocksNoStateChange) {
         EXPECT_TRUE(received.ids == pushed.ids()) << received.ids.size() << " of " << pushed.ids().size();
         EXPECT_TRUE(offsets_run_per_play(received.ids, plays + 1));
     }
+    gst_element_set_state(p.bin, GST_STATE_NULL);
+    gst_object_unref(sink);
+}
+
+TEST(ElementPause, AThreadLeftInItsPushSendsNothingOnThePadOfTheNextStart) {
+    sim_settings sim({{"VQASISIM_INPUT", vq_test::dataPath("live-025.ts")}, {"VQASISIM_BITRATE", "8000000"}});
+    vq_element_test::log_capture gstreamerWarnings("GStreamer");
+    pipeline p("vqasicapture name=cap v4l2=/dev/video0 ! appsink name=sink max-buffers=1 drop=false sync=false");
+    ASSERT_NE(p.capture, nullptr);
+    GstElement* sink = p.by_name("sink");
+    EXPECT_LT(timed_set_state(p.bin, GST_STATE_PLAYING), 1.0);
+    EXPECT_TRUE(vq_element_test::wait_until(
+        [&] { return vq_element_test::item_number(p.capture, "Data counter") > 0; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // The queue of one buffer holds the capture thread in its push; the element alone
+    // stops, goes down to READY (its pad inactive) and back to PAUSED (active again).
+    EXPECT_LT(timed_set_state(p.capture, GST_STATE_PAUSED), 1.0);
+    EXPECT_LT(timed_set_state(p.capture, GST_STATE_READY), 1.0);
+    EXPECT_LT(timed_set_state(p.capture, GST_STATE_PAUSED), 1.0);
+    // Emptying the queue lets the old thread finish its frame: only the buffer that
+    // was queued and the one caught in the push arrive, nothing more of the frame.
+    int drained = 0;
+    while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 300 * GST_MSECOND)) {
+        gst_sample_unref(sample);
+        ++drained;
+    }
+    EXPECT_LE(drained, 2);
+    // The next start streams again, from its own stream-start.
+    EXPECT_LT(timed_set_state(p.capture, GST_STATE_PLAYING), 1.0);
+    for (int i = 0; i < 30; ++i) {
+        GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 5 * GST_SECOND);
+        ASSERT_NE(sample, nullptr) << i;
+        gst_sample_unref(sample);
+    }
+    EXPECT_EQ(gstreamerWarnings.messages(), std::vector<std::string>());
     gst_element_set_state(p.bin, GST_STATE_NULL);
     gst_object_unref(sink);
 }

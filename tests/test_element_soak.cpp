@@ -29,7 +29,6 @@
 #include <vector>
 
 #include "element/element_test_util.h"
-#include "mpegcore/T2MIToTS.h"
 #include "support/test_data.h"
 #include "vq_asi_capture/vq_alarm_data.h"
 #include "vq_polling_alarm_manager.h"
@@ -165,26 +164,12 @@ private:
     bool m_started = false;
 };
 
-// The packets of one PLP that the decapsulator rebuilds, sync byte restored.
-class plp_packets : public mpegcore::CT2MIToTS {
-public:
-    explicit plp_packets(uint8_t plp) : CT2MIToTS(true) { SetPLPID(plp); }
-    std::vector<uint8_t> out;
-    using CT2MIToTS::Process;
-
-protected:
-    void OnTS(unsigned char, unsigned char* data, unsigned long size) override {
-        out.push_back(0x47);
-        out.insert(out.end(), data, data + size);
-    }
-};
-
 // What a carrier played in a loop yields once per pass in the steady state: the
 // packets rebuilt during the second of two passes (the first lacks the packets
 // that straddle the end and the start of the file).
 std::vector<uint8_t> t2mi_pass(const std::string& carrierFile, uint8_t plp) {
     std::vector<uint8_t> carrier = vq_test::readDataFile(carrierFile);
-    plp_packets extractor(plp);
+    vq_element_test::plp_extractor extractor(plp);
     extractor.Process(carrier.data(), carrier.size());
     const size_t first = extractor.out.size();
     extractor.Process(carrier.data(), carrier.size());

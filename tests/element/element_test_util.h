@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "mpegcore/T2MIToTS.h"
 #include "vq_asi_capture/vq_base_statistics.h"
 #include "vqasisim_testing.h"
 
@@ -177,6 +178,20 @@ struct pipeline {
     pipeline(const pipeline&) = delete;
     pipeline& operator=(const pipeline&) = delete;
     GstElement* by_name(const char* name) const { return gst_bin_get_by_name(GST_BIN(bin), name); }
+};
+
+// The decapsulator's output for a run of carrier bytes, with the sync bytes put back.
+class plp_extractor : public mpegcore::CT2MIToTS {
+public:
+    explicit plp_extractor(uint8_t plp) : CT2MIToTS(true) { SetPLPID(plp); }
+    std::vector<uint8_t> out;
+    using CT2MIToTS::Process;
+
+protected:
+    void OnTS(unsigned char, unsigned char* data, unsigned long size) override {
+        out.push_back(0x47);
+        out.insert(out.end(), data, data + size);
+    }
 };
 
 }  // namespace vq_element_test

@@ -26,23 +26,24 @@ enum : uint16_t {
     kPidTDT = 0x0014,
 };
 
-// Whether a CA descriptor of the list points at pid.
-bool listsCaPid(const VQDescriptorList& list, uint16_t pid) {
+// The CA descriptors of the list that point at pid.
+unsigned countCaDescriptors(const VQDescriptorList& list, uint16_t pid) {
+    unsigned count = 0;
     for (const auto& d : list.descriptor) {
         if (d->descriptor_tag != kCATag)
             continue;
         const auto* ca = dynamic_cast<const CA_descriptor*>(d.get());
         if (ca && ca->CA_PID == pid)
-            return true;
+            ++count;
     }
-    return false;
+    return count;
 }
 
 }  // namespace
 
 CBaseMpegParser::CBaseMpegParser(bool useTail)
-    : m_PAT(kTablePSIBuffer),
-      m_CAT(kTablePSIBuffer),
+    : m_PAT(kTablePSIBuffer, &m_nRouteGeneration),
+      m_CAT(kTablePSIBuffer, &m_nRouteGeneration),
       m_TSDT(kTablePSIBuffer),
       m_EIT_Actual(kTableSIBuffer),
       m_EIT_Other(kTableSIBuffer),
@@ -56,7 +57,8 @@ CBaseMpegParser::CBaseMpegParser(bool useTail)
       m_TDT(kTablePSIBuffer),
       m_TOT(kTablePSIBuffer),
       m_pPIDs(new CBasePID[pid_count]),
-      m_bUseTail(useTail) {
+      m_bUseTail(useTail),
+      m_pRoutes(new pid_route[pid_count]) {
     m_pTailData.alloc(transport_packet::size - 1, kTailAlign);
     for (size_t pid = 0; pid < pid_count; ++pid)
         m_pPIDs[pid].set_alarm_event(this);
@@ -313,45 +315,87 @@ void CBaseMpegParser::routeSectionPid(const transport_packet& packet) {
 void CBaseMpegParser::readPMT(const transport_packet& packet, CBaseMpegProgram& program) {
     std::lock_guard<std::mutex> lock(m_cs);
     auto& wrapper = m_MapPMT[packet.PID];
-    if (!wrapper)
-        wrapper = std::make_shared<CPacketWrapper<CPMT>>(kTablePSIBuffer);
+    if (!wrapper) {
+        wrapper = std::make_shared<CPacketWrapper<CPMT>>(kTablePSIBuffer, &m_nRouteGeneration);
+        ++m_nRouteGeneration;
+    }
     if (parseCollected(packet.PID, *wrapper))
         OnPMT(&program, wrapper->m_pLast.get());
 }
 
+const CBaseMpegParser::pid_route& CBaseMpegParser::routeOf(uint16_t pid) {
+    pid_route& route = m_pRoutes[pid];
+    if (route.generation == m_nRouteGeneration)
+        return route;
+    route.generation = m_nRouteGeneration;
+    route.program = nullptr;
+    route.pmtUses.clear();
+    route.emmDescriptors = 0;
+    auto program = m_PAT.m_pLast->program_map.find(pid);
+    if (program != m_PAT.m_pLast->program_map.end()) {
+        route.program = &program->second;
+        return route;
+    }
+    for (auto& entry : m_MapPMT) {
+        CPMT& pmt = *entry.second->m_pLast;
+        auto stream = pmt.stream_map.find(pid);
+        if (stream != pmt.stream_map.end())
+            route.pmtUses.push_back({pid_route::pmt_use::elementary, entry.first, &pmt, stream->second.get(), 0});
+        else if (pid == pmt.PCR_PID)
+            route.pmtUses.push_back({pid_route::pmt_use::pcr, entry.first, &pmt, nullptr, 0});
+        else if (unsigned n = countCaDescriptors(pmt.descriptors, pid))
+            route.pmtUses.push_back({pid_route::pmt_use::ecm, entry.first, &pmt, nullptr, n});
+    }
+    if (m_CAT.IsValid())
+        route.emmDescriptors = countCaDescriptors(m_CAT.m_pLast->descriptors, pid);
+    return route;
+}
+
 void CBaseMpegParser::routeOtherPid(transport_packet& packet, CDataAccumulator* completed) {
-    const uint16_t pid = packet.PID;
     if (m_PAT.IsValid()) {
-        auto program = m_PAT.m_pLast->program_map.find(pid);
-        if (program != m_PAT.m_pLast->program_map.end()) {
-            readPMT(packet, program->second);
+        const pid_route& route = routeOf(packet.PID);
+        if (route.program) {
+            readPMT(packet, *route.program);
             return;
         }
-        for (auto& entry : m_MapPMT) {
-            const uint16_t pmtPid = entry.first;
-            CPMT& pmt = *entry.second->m_pLast;
-            auto stream = pmt.stream_map.find(pid);
-            if (stream != pmt.stream_map.end()) {
-                CBaseStreamTypeMap* es = stream->second.get();
-                if (completed && completed->getLength())
-                    OnPES(pmtPid, es, completed->get(), static_cast<unsigned long>(completed->getLength()));
-                OnPES(pmtPid, static_cast<const CBaseStreamTypeMap*>(es), &packet);
-                OnPES(pmtPid, pmt.program_number, es, &packet);
-            } else if (pid == pmt.PCR_PID) {
-                if (packet.hasAdaptationField() && packet.af.adaptation_field_length >= 7 && packet.af.PCR_flag) {
-                    for (const auto& es : pmt.stream_map)
-                        if (es.first < pid_count)
-                            m_pPIDs[es.first].putPCR(packet);
-                    OnPES(pmtPid, static_cast<const CBaseStreamTypeMap*>(nullptr), &packet);
-                }
-            } else if (listsCaPid(pmt.descriptors, pid)) {
-                OnECM(&packet);
-            }
-        }
-        if (m_CAT.IsValid() && listsCaPid(m_CAT.m_pLast->descriptors, pid))
+        // A callback that changes the tables (Clear, or a nested Process that
+        // reads a new PAT) ends the walk: the PMTs it was following are gone.
+        const uint64_t generation = m_nRouteGeneration;
+        for (size_t i = 0; i < route.pmtUses.size() && generation == m_nRouteGeneration; ++i)
+            reportPmtUse(route.pmtUses[i], packet, completed);
+        for (unsigned i = 0; i < route.emmDescriptors && generation == m_nRouteGeneration; ++i)
             OnEMM(&packet);
     }
     onOtherPid(&packet);
+}
+
+void CBaseMpegParser::reportPmtUse(const pid_route::pmt_use& use, transport_packet& packet,
+                                   CDataAccumulator* completed) {
+    // The stream and its PMT die with a change of the tables made by a callback.
+    const uint64_t generation = m_nRouteGeneration;
+    auto unchanged = [this, generation] { return generation == m_nRouteGeneration; };
+    switch (use.kind) {
+    case pid_route::pmt_use::elementary:
+        if (completed && completed->getLength())
+            OnPES(use.pmtPid, use.stream, completed->get(), static_cast<unsigned long>(completed->getLength()));
+        if (unchanged())
+            OnPES(use.pmtPid, static_cast<const CBaseStreamTypeMap*>(use.stream), &packet);
+        if (unchanged())
+            OnPES(use.pmtPid, use.pmt->program_number, use.stream, &packet);
+        break;
+    case pid_route::pmt_use::pcr:
+        if (packet.hasAdaptationField() && packet.af.adaptation_field_length >= 7 && packet.af.PCR_flag) {
+            for (const auto& es : use.pmt->stream_map)
+                if (es.first < pid_count)
+                    m_pPIDs[es.first].putPCR(packet);
+            OnPES(use.pmtPid, static_cast<const CBaseStreamTypeMap*>(nullptr), &packet);
+        }
+        break;
+    case pid_route::pmt_use::ecm:
+        for (unsigned i = 0; i < use.caDescriptors && unchanged(); ++i)
+            OnECM(&packet);
+        break;
+    }
 }
 
 void CBaseMpegParser::ClearPMT(const CPAT& newPAT) {
@@ -365,6 +409,7 @@ void CBaseMpegParser::ClearPMT(const CPAT& newPAT) {
             if (es.first < pid_count)
                 m_pPIDs[es.first].clear();
         it = m_MapPMT.erase(it);
+        ++m_nRouteGeneration;
     }
 }
 
@@ -401,6 +446,7 @@ void CBaseMpegParser::_clear() {
         m_TDT.Clear();
         m_TOT.Clear();
         m_MapPMT.clear();
+        ++m_nRouteGeneration;
     }
     m_pTailData.dealloc();
     m_lTailLength = 0;

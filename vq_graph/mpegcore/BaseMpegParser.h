@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "mpegcore/BAT.h"
 #include "mpegcore/BaseMpegProgram.h"
@@ -28,12 +29,14 @@
 namespace mpegcore {
 
 // Two objects of one table type: m_pCurrent receives the next read,
-// m_pLast is the last table that read correctly.
+// m_pLast is the last table that read correctly. changeCount, when given, is
+// incremented whenever m_pLast or the validity changes (the parser's PID
+// routes depend on its PAT, CAT and PMT wrappers).
 template <class T>
 class CPacketWrapper {
 public:
-    explicit CPacketWrapper(unsigned long bufferSize)
-        : m_pCurrent(new T(nullptr, bufferSize)), m_pLast(new T(nullptr, bufferSize)) {}
+    explicit CPacketWrapper(unsigned long bufferSize, uint64_t* changeCount = nullptr)
+        : m_pCurrent(new T(nullptr, bufferSize)), m_pLast(new T(nullptr, bufferSize)), m_pChangeCount(changeCount) {}
 
     // Reads into m_pCurrent; on success the two swap, the older one is
     // cleared for the next read, and the wrapper becomes valid.
@@ -43,6 +46,7 @@ public:
         std::swap(m_pCurrent, m_pLast);
         m_pCurrent->Clear();
         m_IsValid = 1;
+        changed();
         return true;
     }
     // Appends raw section bytes to the table being filled.
@@ -52,17 +56,27 @@ public:
         m_pLast->Clear();
         table.copyTo(m_pLast.get());
         m_IsValid = 1;
+        changed();
     }
     BOOL IsValid() const { return m_IsValid; }
     void Clear() {
         m_pCurrent->Clear();
         m_pLast->Clear();
         m_IsValid = 0;
+        changed();
     }
 
     BOOL m_IsValid = 0;
     std::unique_ptr<T> m_pCurrent;
     std::unique_ptr<T> m_pLast;
+
+private:
+    void changed() {
+        if (m_pChangeCount)
+            ++*m_pChangeCount;
+    }
+
+    uint64_t* m_pChangeCount;
 };
 
 // PMT wrappers by PMT PID.
@@ -149,13 +163,35 @@ private:
     // parseCollected and, when the table reads, onTable, all under m_cs.
     template <class T, class Report>
     void readSection(const transport_packet& packet, CPacketWrapper<T>& wrapper, Report onTable);
+    // How the packets of one PID are reported once a PAT is known: worked out
+    // from the last PAT, PMTs and CAT the first time the PID is seen, and again
+    // after any of those tables changed, instead of searching them per packet.
+    struct pid_route {
+        // A PMT that names the PID, in ascending order of PMT PID.
+        struct pmt_use {
+            enum kind_t : uint8_t { elementary, pcr, ecm };
+            kind_t kind;
+            uint16_t pmtPid;
+            CPMT* pmt;
+            CBaseStreamTypeMap* stream;  // elementary only
+            unsigned caDescriptors;      // ecm only: program CA descriptors naming the PID
+        };
+        uint64_t generation = 0;              // m_nRouteGeneration when worked out; 0 never
+        CBaseMpegProgram* program = nullptr;  // the PID carries this program's PMT
+        std::vector<pmt_use> pmtUses;
+        unsigned emmDescriptors = 0;  // CA descriptors of the CAT naming the PID
+    };
+    const pid_route& routeOf(uint16_t pid);
     void routeSectionPid(const transport_packet& packet);
     void routeOtherPid(transport_packet& packet, CDataAccumulator* completed);
+    void reportPmtUse(const pid_route::pmt_use& use, transport_packet& packet, CDataAccumulator* completed);
     void readPMT(const transport_packet& packet, CBaseMpegProgram& program);
     // Stores the bytes from `from` as the tail, growing the block if needed.
     void keepTail(const unsigned char* from, size_t size);
 
-    transport_packet m_packet;  // the record Process fills for each packet
+    std::unique_ptr<pid_route[]> m_pRoutes;
+    uint64_t m_nRouteGeneration = 1;  // grows with every change of the PAT, the PMTs or the CAT
+    transport_packet m_packet;        // the record Process fills for each packet
     bool m_bAfDirty = false;    // m_packet.af may hold a parsed adaptation field
     bool m_bInProcess = false;
 };

@@ -7,9 +7,10 @@ namespace {
 constexpr std::chrono::seconds kInputAlarmDuration{1};
 constexpr std::chrono::seconds kPidAlarmDuration{5};
 
-void feed(const std::shared_ptr<vq_i_alarm_event>& member) {
-    // A copy, so the alarm outlives the call whatever happens to the member.
-    const std::shared_ptr<vq_i_alarm_event> alarm = member;
+// Called for every packet: no copy of the pointer (two atomic operations),
+// since only start() replaces the input alarms and it never runs alongside
+// the capture thread.
+void feed(const std::shared_ptr<vq_i_alarm_event>& alarm) {
     if (alarm)
         alarm->event(0);
 }
@@ -17,10 +18,12 @@ void feed(const std::shared_ptr<vq_i_alarm_event>& member) {
 }  // namespace
 
 void vq_alarms_dispatcher::set_source_name(const std::string& name) {
+    std::lock_guard<std::mutex> lock(m_cs);
     m_strSourceName = name;
 }
 
 std::string vq_alarms_dispatcher::get_source_name() const {
+    std::lock_guard<std::mutex> lock(m_cs);
     return m_strSourceName;
 }
 
@@ -29,9 +32,9 @@ void vq_alarms_dispatcher::set_alarm_manager(vq_i_alarm_manager* manager) {
 }
 
 void vq_alarms_dispatcher::start() {
+    std::lock_guard<std::mutex> lock(m_cs);
     if (m_strSourceName.empty())
         return;
-    std::lock_guard<std::mutex> lock(m_cs);
     add_alarm(kInputAlarmDuration, eAlarmASIInputSyncLost, vq_error_alarm, m_strSourceName,
               "Sync lost ", m_aSyncLost);
     add_alarm(kInputAlarmDuration, eAlarmASIInputRawNoInputData, vq_error_alarm, m_strSourceName,

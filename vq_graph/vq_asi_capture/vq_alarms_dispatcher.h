@@ -19,7 +19,8 @@ public:
     vq_alarms_dispatcher(const vq_alarms_dispatcher&) = delete;
     vq_alarms_dispatcher& operator=(const vq_alarms_dispatcher&) = delete;
 
-    // Not synchronised: set it before start().
+    // May change at any time; alarms created from then on carry the new name,
+    // the input alarms from the next start().
     void set_source_name(const std::string& name);
     std::string get_source_name() const;
     // Non-owning; null detaches the current manager.
@@ -69,5 +70,5 @@ private:
     pid_alarm_map m_mapAlarmCC;
     pid_alarm_map m_mapAlarmPIDScrambled;
     pid_alarm_map m_mapAlarmTEIError;
-    std::mutex m_cs;
+    mutable std::mutex m_cs;
 };

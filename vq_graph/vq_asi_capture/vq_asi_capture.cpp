@@ -148,6 +148,7 @@ bool vq_asi_capture::start() {
         m_asi_thread.join();
         release_capture();
     }
+    m_bStopCapture = false;
     begin_capture(m_eInputType, m_nPLP);
     // Unlinked, the element plays but captures nothing.
     if (!isConnect(m_asi_pad.pad))
@@ -196,6 +197,8 @@ void vq_asi_capture::start_after_previous_thread() {
         // Stopped again meanwhile: the release is left to the next start or close.
         if (exit.wait_for(std::chrono::seconds(0)) == std::future_status::ready)
             return;
+        // A stop from here on still finds exit set before any packet is pushed.
+        m_bStopCapture = false;
         release_capture();
         begin_capture(inputType, plp);
         if (isConnect(m_asi_pad.pad))
@@ -224,8 +227,12 @@ void vq_asi_capture::stop_capture_thread(bool mayDefer) {
         // file on flush-stop, so, as a live GstBaseSrc does, the thread is left in its
         // push and the rest of the stop goes to the next start or close: by then the
         // sink plays again or flushes on its way down, and the push returns.
-        if (mayDefer && m_fAsiDone.wait_for(kThreadStopWait) != std::future_status::ready)
+        // Left running, the thread must not push the rest of its frame: by then the pad
+        // may have been deactivated and activated again for the next start.
+        if (mayDefer && m_fAsiDone.wait_for(kThreadStopWait) != std::future_status::ready) {
+            m_bStopCapture = true;
             return;
+        }
         m_asi_thread.join();
     }
     release_capture();
@@ -303,6 +310,8 @@ bool vq_asi_capture::push_data(uint64_t tStart, uint64_t tStop, uint64_t, uint8_
 }
 
 bool vq_asi_capture::receive_data(uint64_t pts, uint8_t* data, size_t size) {
+    if (m_bStopCapture.load(std::memory_order_relaxed))
+        return false;
     if (m_send_asi_new_segment) {
         if (!m_pAsiSegment) {
             m_pAsiSegment.reset(gst_segment_new(), gst_segment_free);

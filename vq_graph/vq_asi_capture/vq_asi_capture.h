@@ -5,6 +5,7 @@
 
 #include <gst/gst.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -95,6 +96,9 @@ private:
     std::future<void> m_fAsiDone;  // ready once the capture thread has returned
     vq_asi_pad m_asi_pad;
     bool m_send_asi_new_segment = true;
+    // Set by a stop that left the capture thread in its push: once out, the thread
+    // drops the rest of its frame instead of pushing it.
+    std::atomic<bool> m_bStopCapture{false};
     std::shared_ptr<GstSegment> m_pAsiSegment;
     std::string m_strV4l2Name;
     eInputType m_eInputType = eInputTS;

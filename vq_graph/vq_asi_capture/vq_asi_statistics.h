@@ -45,7 +45,7 @@ struct vq_video_statistics {
     uint64_t get_bit_rate() const { return nDataCount.get_bit_rate(); }
     uint64_t get_raw_bit_rate() const { return nRawDataCount.get_bit_rate(); }
     // A copy of the synchroniser's running total, not a sum.
-    void set_bad_bytes(uint64_t total) { nBadBytesCount = total; }
+    void set_bad_bytes(uint64_t total) { nBadBytesCount.store(total, std::memory_order_relaxed); }
     uint64_t get_bad_bytes() const { return nBadBytesCount; }
 
     // Records the driver's frame sequence number; a gap (either way) counts as dropped frames.

@@ -3,7 +3,8 @@
 vq_data_counter::vq_data_counter() : m_tLast(std::chrono::steady_clock::now()) {}
 
 void vq_data_counter::add_data_count(uint64_t bytes) {
-    m_nDataCounter.fetch_add(bytes, std::memory_order_relaxed);
+    // One writer, once per packet: a plain load and store instead of a locked add.
+    m_nDataCounter.store(m_nDataCounter.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
 }
 
 void vq_data_counter::clear() {

@@ -5,8 +5,9 @@
 #include <chrono>
 #include <cstdint>
 
-// add_data_count() is called by the capture thread; get_bit_rate() by readers.
-// All fields are atomics, so readers may run alongside the writer and each other.
+// add_data_count() is called by one thread at a time (the capture thread);
+// get_bit_rate() by readers. All fields are atomics, so readers may run
+// alongside the writer and each other.
 class vq_data_counter {
 public:
     vq_data_counter();

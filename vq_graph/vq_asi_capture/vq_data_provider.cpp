@@ -85,7 +85,9 @@ bool vq_data_provider::push_data(unsigned long pts, unsigned char* data, unsigne
     // contributes at most the 187 bytes that follow it.
     const size_t packet = withSync ? ts_packet_size : ts_packet_size - 1;
     const size_t n = std::min({static_cast<size_t>(size), packet, room});
-    if (n > 0 && data)
+    if (n == ts_packet_size && data)
+        std::memcpy(out, data, ts_packet_size);  // the usual case, as fixed-size moves
+    else if (n > 0 && data)
         std::memcpy(out, data, n);
     m_gstBufferSize += written + n;
 
