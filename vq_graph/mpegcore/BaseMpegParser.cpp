@@ -57,8 +57,7 @@ CBaseMpegParser::CBaseMpegParser(bool useTail)
       m_TDT(kTablePSIBuffer),
       m_TOT(kTablePSIBuffer),
       m_pPIDs(new CBasePID[pid_count]),
-      m_bUseTail(useTail),
-      m_pRoutes(new pid_route[pid_count]) {
+      m_bUseTail(useTail) {
     m_pTailData.alloc(transport_packet::size - 1, kTailAlign);
     for (size_t pid = 0; pid < pid_count; ++pid)
         m_pPIDs[pid].set_alarm_event(this);
@@ -324,7 +323,13 @@ void CBaseMpegParser::readPMT(const transport_packet& packet, CBaseMpegProgram& 
 }
 
 const CBaseMpegParser::pid_route& CBaseMpegParser::routeOf(uint16_t pid) {
-    pid_route& route = m_pRoutes[pid];
+    if (m_routeSlot.empty())
+        m_routeSlot.assign(pid_count, 0);
+    if (m_routeSlot[pid] == 0) {
+        m_routes.emplace_back();
+        m_routeSlot[pid] = static_cast<uint16_t>(m_routes.size());
+    }
+    pid_route& route = m_routes[m_routeSlot[pid] - 1];
     if (route.generation == m_nRouteGeneration)
         return route;
     route.generation = m_nRouteGeneration;

@@ -5,6 +5,7 @@
 // nothing here.
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -189,7 +190,11 @@ private:
     // Stores the bytes from `from` as the tail, growing the block if needed.
     void keepTail(const unsigned char* from, size_t size);
 
-    std::unique_ptr<pid_route[]> m_pRoutes;
+    // The routes of the PIDs seen since a PAT, by slot (kept in a deque, so a
+    // route stays where it is while callbacks run); m_routeSlot maps a PID to
+    // its slot + 1, 0 for none, and is sized on first use.
+    std::deque<pid_route> m_routes;
+    std::vector<uint16_t> m_routeSlot;
     uint64_t m_nRouteGeneration = 1;  // grows with every change of the PAT, the PMTs or the CAT
     transport_packet m_packet;        // the record Process fills for each packet
     bool m_bAfDirty = false;    // m_packet.af may hold a parsed adaptation field
