@@ -134,7 +134,32 @@ GstStateChangeReturn vq_asi_capture::change_state(GstStateChange transition) {
     return ret;
 }
 
+bool vq_asi_capture::send_eos(GstEvent* event) {
+    // State changes cannot run meanwhile: GStreamer holds the state lock around send_event.
+    const bool capturing = m_fAsiExit && m_asi_thread.joinable() &&
+                           m_fAsiDone.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
+    if (!capturing)
+        return gst_pad_push_event(m_asi_pad.pad, event);
+    m_nEosSeqnum = gst_event_get_seqnum(event);
+    gst_event_unref(event);
+    m_bEosPending = true;
+    return true;
+}
+
+void vq_asi_capture::push_pending_eos() {
+    if (!m_bEosPending.exchange(false))
+        return;
+    if (m_send_asi_new_segment)
+        push_segment(0);  // no data yet: the segment still comes first
+    m_bEosSent = true;
+    GstEvent* eos = gst_event_new_eos();
+    gst_event_set_seqnum(eos, m_nEosSeqnum);
+    gst_pad_push_event(m_asi_pad.pad, eos);
+}
+
 bool vq_asi_capture::start() {
+    m_bEosPending = false;
+    m_bEosSent = false;
     // A sink that paused before us may still hold the previous capture thread in a push
     // (see stop_capture_thread). That thread owns the pad and the device until it
     // returns, and joining it here could wait on the application itself (an appsink
@@ -256,6 +281,7 @@ void vq_asi_capture::work_asi_thread(std::future<void>&& exit) {
     for (;;) {
         if (exit.wait_for(std::chrono::milliseconds(waitMs)) == std::future_status::ready)
             return;
+        push_pending_eos();
         m_statistics.set_system_time(
             static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now() - tThreadStart)
                                       .count()));
@@ -309,21 +335,24 @@ bool vq_asi_capture::push_data(uint64_t tStart, uint64_t tStop, uint64_t, uint8_
     return true;
 }
 
-bool vq_asi_capture::receive_data(uint64_t pts, uint8_t* data, size_t size) {
-    if (m_bStopCapture.load(std::memory_order_relaxed))
-        return false;
-    if (m_send_asi_new_segment) {
-        if (!m_pAsiSegment) {
-            m_pAsiSegment.reset(gst_segment_new(), gst_segment_free);
-            gst_segment_init(m_pAsiSegment.get(), GST_FORMAT_TIME);
-        }
-        // The segment starts at the first packet after each start.
-        m_pAsiSegment->start = pts;
-        m_pAsiSegment->stop = GST_CLOCK_TIME_NONE;
-        m_pAsiSegment->duration = GST_CLOCK_TIME_NONE;
-        gst_pad_push_event(m_asi_pad.pad, gst_event_new_segment(m_pAsiSegment.get()));
-        m_send_asi_new_segment = false;
+void vq_asi_capture::push_segment(uint64_t start) {
+    if (!m_pAsiSegment) {
+        m_pAsiSegment.reset(gst_segment_new(), gst_segment_free);
+        gst_segment_init(m_pAsiSegment.get(), GST_FORMAT_TIME);
     }
+    m_pAsiSegment->start = start;
+    m_pAsiSegment->stop = GST_CLOCK_TIME_NONE;
+    m_pAsiSegment->duration = GST_CLOCK_TIME_NONE;
+    gst_pad_push_event(m_asi_pad.pad, gst_event_new_segment(m_pAsiSegment.get()));
+    m_send_asi_new_segment = false;
+}
+
+bool vq_asi_capture::receive_data(uint64_t pts, uint8_t* data, size_t size) {
+    if (m_bStopCapture.load(std::memory_order_relaxed) || m_bEosSent.load(std::memory_order_relaxed))
+        return false;
+    // The segment starts at the first packet after each start.
+    if (m_send_asi_new_segment)
+        push_segment(pts);
     m_alarms.input_data_event();
     vq_video_statistics& asi = m_statistics.asi();
     asi.set_bad_bytes(m_sync.get_bad_bytes());

@@ -44,6 +44,10 @@ public:
     bool start();
     void stop();
     void close();
+    // An end of stream sent to the element (an application's EOS, gst-launch -e): a
+    // running capture pushes it after the frame it is on and then nothing more until
+    // the next start; otherwise it goes out at once. Takes the event.
+    bool send_eos(GstEvent* event);
 
     // One aligned packet from the synchroniser, on the capture thread.
     bool receive_data(uint64_t pts, uint8_t* data, size_t size);
@@ -80,6 +84,10 @@ private:
     void stop_capture_thread(bool mayDefer);
     // What a stop releases once the capture thread has returned.
     void release_capture();
+    // The segment event that opens the data of each start.
+    void push_segment(uint64_t start);
+    // On the capture thread: the end of stream that send_eos asked for.
+    void push_pending_eos();
     // One round of the capture loop with a filled device buffer.
     void process_frame(uint64_t tStart, uint64_t tStop, uint64_t frameNumber, uint8_t* data, size_t size,
                        std::chrono::steady_clock::time_point& tLastFrame);
@@ -99,6 +107,11 @@ private:
     // Set by a stop that left the capture thread in its push: once out, the thread
     // drops the rest of its frame instead of pushing it.
     std::atomic<bool> m_bStopCapture{false};
+    // An end of stream for the capture thread to push (with its sequence number), and
+    // whether it has: no data follows it.
+    std::atomic<bool> m_bEosPending{false};
+    std::atomic<uint32_t> m_nEosSeqnum{0};
+    std::atomic<bool> m_bEosSent{false};
     std::shared_ptr<GstSegment> m_pAsiSegment;
     std::string m_strV4l2Name;
     eInputType m_eInputType = eInputTS;

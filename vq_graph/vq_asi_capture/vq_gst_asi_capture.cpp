@@ -31,6 +31,13 @@ GstStateChangeReturn gst_vq_asi_capture_change_state(GstElement* element, GstSta
     return capture_of(element)->change_state(transition);
 }
 
+// An end of stream goes out through the capture; other events as for any element.
+gboolean gst_vq_asi_capture_send_event(GstElement* element, GstEvent* event) {
+    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS)
+        return capture_of(element)->send_eos(event);
+    return parent_class->send_event(element, event);
+}
+
 void gst_vq_asi_capture_finalize(GObject* object) {
     auto* self = reinterpret_cast<Gstvqasicapture*>(object);
     if (self->pCapture) {
@@ -59,6 +66,7 @@ void gst_vq_asi_capture_class_init(gpointer klass, gpointer) {
     object_class->get_property = gst_vq_asi_capture_get_property;
     object_class->finalize = gst_vq_asi_capture_finalize;
     element_class->change_state = GST_DEBUG_FUNCPTR(gst_vq_asi_capture_change_state);
+    element_class->send_event = GST_DEBUG_FUNCPTR(gst_vq_asi_capture_send_event);
 
     g_object_class_install_property(
         object_class, PROP_V4L2,
@@ -84,6 +92,8 @@ void gst_vq_asi_capture_class_init(gpointer klass, gpointer) {
 
 void gst_vq_asi_capture_init(GTypeInstance* instance, gpointer) {
     auto* self = reinterpret_cast<Gstvqasicapture*>(instance);
+    // A source: bins hand it the events meant for their sources (an end of stream).
+    GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_SOURCE);
     self->pCapture = new vq_asi_capture(self, parent_class);
 }
 
