@@ -386,6 +386,7 @@ void sim_device::free_buffers() {
     m_incoming.clear();
     m_done.clear();
     m_owner = -1;
+    m_armed = armed_timer{};  // the descriptor's number may come back with a new timer
 }
 
 void sim_device::fill_v4l2_buffer(uint32_t index, void* arg) const {
@@ -682,6 +683,13 @@ void sim_device::rearm_timer() {
     } else if (m_streaming && !m_incoming.empty()) {
         timer.it_value.tv_nsec = 1;
     }
+    // Setting a timer costs a system call per ioctl, as much as the capture of a
+    // frame itself in a VM; the same setting again changes nothing (a fired timer
+    // stays readable), so it is made only when it differs.
+    const armed_timer wanted{m_owner, flags, timer.it_value.tv_sec, timer.it_value.tv_nsec};
+    if (wanted == m_armed)
+        return;
+    m_armed = wanted;
     timerfd_settime(m_owner, flags, &timer, nullptr);
 }
 

@@ -125,6 +125,17 @@ private:
 
     // Buffers and streaming.
     int m_owner = -1;
+    // The last setting of the owner's timer descriptor.
+    struct armed_timer {
+        int fd = -1;
+        int flags = 0;
+        time_t sec = 0;
+        long nsec = 0;
+        bool operator==(const armed_timer& o) const {
+            return fd == o.fd && flags == o.flags && sec == o.sec && nsec == o.nsec;
+        }
+    };
+    armed_timer m_armed;
     int m_memfd = -1;
     uint8_t* m_memory = nullptr;
     size_t m_stride = 0;

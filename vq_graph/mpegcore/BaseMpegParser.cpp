@@ -322,7 +322,14 @@ void CBaseMpegParser::readPMT(const transport_packet& packet, CBaseMpegProgram& 
         OnPMT(&program, wrapper->m_pLast.get());
 }
 
-const CBaseMpegParser::pid_route& CBaseMpegParser::routeOf(uint16_t pid) {
+inline const CBaseMpegParser::pid_route& CBaseMpegParser::routeOf(uint16_t pid) {
+    const uint16_t slot = m_routeSlot.empty() ? 0 : m_routeSlot[pid];
+    if (slot && m_routes[slot - 1].generation == m_nRouteGeneration)
+        return m_routes[slot - 1];
+    return buildRoute(pid);
+}
+
+const CBaseMpegParser::pid_route& CBaseMpegParser::buildRoute(uint16_t pid) {
     if (m_routeSlot.empty())
         m_routeSlot.assign(pid_count, 0);
     if (m_routeSlot[pid] == 0) {
@@ -330,8 +337,6 @@ const CBaseMpegParser::pid_route& CBaseMpegParser::routeOf(uint16_t pid) {
         m_routeSlot[pid] = static_cast<uint16_t>(m_routes.size());
     }
     pid_route& route = m_routes[m_routeSlot[pid] - 1];
-    if (route.generation == m_nRouteGeneration)
-        return route;
     route.generation = m_nRouteGeneration;
     route.program = nullptr;
     route.pmtUses.clear();
@@ -356,25 +361,7 @@ const CBaseMpegParser::pid_route& CBaseMpegParser::routeOf(uint16_t pid) {
     return route;
 }
 
-void CBaseMpegParser::routeOtherPid(transport_packet& packet, CDataAccumulator* completed) {
-    if (m_PAT.IsValid()) {
-        const pid_route& route = routeOf(packet.PID);
-        if (route.program) {
-            readPMT(packet, *route.program);
-            return;
-        }
-        // A callback that changes the tables (Clear, or a nested Process that
-        // reads a new PAT) ends the walk: the PMTs it was following are gone.
-        const uint64_t generation = m_nRouteGeneration;
-        for (size_t i = 0; i < route.pmtUses.size() && generation == m_nRouteGeneration; ++i)
-            reportPmtUse(route.pmtUses[i], packet, completed);
-        for (unsigned i = 0; i < route.emmDescriptors && generation == m_nRouteGeneration; ++i)
-            OnEMM(&packet);
-    }
-    onOtherPid(&packet);
-}
-
-void CBaseMpegParser::reportPmtUse(const pid_route::pmt_use& use, transport_packet& packet,
+inline void CBaseMpegParser::reportPmtUse(const pid_route::pmt_use& use, transport_packet& packet,
                                    CDataAccumulator* completed) {
     // The stream and its PMT die with a change of the tables made by a callback.
     const uint64_t generation = m_nRouteGeneration;
@@ -401,6 +388,24 @@ void CBaseMpegParser::reportPmtUse(const pid_route::pmt_use& use, transport_pack
             OnECM(&packet);
         break;
     }
+}
+
+void CBaseMpegParser::routeOtherPid(transport_packet& packet, CDataAccumulator* completed) {
+    if (m_PAT.IsValid()) {
+        const pid_route& route = routeOf(packet.PID);
+        if (route.program) {
+            readPMT(packet, *route.program);
+            return;
+        }
+        // A callback that changes the tables (Clear, or a nested Process that
+        // reads a new PAT) ends the walk: the PMTs it was following are gone.
+        const uint64_t generation = m_nRouteGeneration;
+        for (size_t i = 0; i < route.pmtUses.size() && generation == m_nRouteGeneration; ++i)
+            reportPmtUse(route.pmtUses[i], packet, completed);
+        for (unsigned i = 0; i < route.emmDescriptors && generation == m_nRouteGeneration; ++i)
+            OnEMM(&packet);
+    }
+    onOtherPid(&packet);
 }
 
 void CBaseMpegParser::ClearPMT(const CPAT& newPAT) {

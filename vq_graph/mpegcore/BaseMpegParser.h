@@ -183,6 +183,7 @@ private:
         unsigned emmDescriptors = 0;  // CA descriptors of the CAT naming the PID
     };
     const pid_route& routeOf(uint16_t pid);
+    const pid_route& buildRoute(uint16_t pid);
     void routeSectionPid(const transport_packet& packet);
     void routeOtherPid(transport_packet& packet, CDataAccumulator* completed);
     void reportPmtUse(const pid_route::pmt_use& use, transport_packet& packet, CDataAccumulator* completed);
