@@ -362,7 +362,7 @@ const CBaseMpegParser::pid_route& CBaseMpegParser::buildRoute(uint16_t pid) {
 }
 
 inline void CBaseMpegParser::reportPmtUse(const pid_route::pmt_use& use, transport_packet& packet,
-                                   CDataAccumulator* completed) {
+                                          CDataAccumulator* completed) {
     // The stream and its PMT die with a change of the tables made by a callback.
     const uint64_t generation = m_nRouteGeneration;
     auto unchanged = [this, generation] { return generation == m_nRouteGeneration; };
