@@ -15,6 +15,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -73,6 +74,7 @@ public:
     client& operator=(const client&) = delete;
 
     int fd() const { return m_fd; }
+    uint8_t* mapping(uint32_t index) const { return m_maps.at(index).first; }
 
     // Requests, maps and queues the buffers, then starts streaming.
     bool start(uint32_t count = 32) {
@@ -184,6 +186,61 @@ TEST(Simulator, ServesTheInputByteForByteAcrossLoops) {
     ASSERT_EQ(loops.size(), 2u);
     EXPECT_EQ(stream_offset(loops[0], kFrame), input.size());
     EXPECT_EQ(stream_offset(loops[1], kFrame), 2 * input.size());
+}
+
+TEST(Simulator, PrefilledBuffersRepeatAWholePacketSpanInTurn) {
+    constexpr size_t kFrame = 50000;  // not a whole number of packets
+    constexpr uint32_t kBuffers = 4;
+    constexpr size_t kRounds = 3;
+    constexpr size_t kCut = kBuffers * kFrame % kPacket;  // the span ends on a whole packet
+    std::vector<uint8_t> input = vq_test::readDataFile(kInput);
+    std::string file = summary_file();
+    std::vector<frame_record> frames;
+    {
+        scoped_env env(settings({{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_PREFILLED", "1"}}));
+        client c;
+        ASSERT_TRUE(c.start(kBuffers));
+        frames = c.take(kBuffers * kRounds);
+    }
+    for (size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_EQ(frames[i].sequence, i);
+        EXPECT_EQ(frames[i].bytesused, i % kBuffers == kBuffers - 1 ? kFrame - kCut : kFrame) << "frame " << i;
+    }
+    const std::vector<uint8_t> span = looped(input, kBuffers * kFrame - kCut);
+    std::vector<uint8_t> served = concat(frames);
+    ASSERT_EQ(served.size(), kRounds * span.size());
+    for (size_t r = 0; r < kRounds; ++r)
+        EXPECT_TRUE(std::equal(span.begin(), span.end(), served.begin() + r * span.size())) << "round " << r;
+    // The seam joins the span's last whole packet to its first one.
+    for (size_t at = 0; at < served.size(); at += kPacket)
+        ASSERT_EQ(served[at], 0x47) << "offset " << at;
+
+    summary s = read_summary(file, kDevice);
+    EXPECT_EQ(s.values["filling"], "prefilled");
+    EXPECT_EQ(s.number("frames"), frames.size());
+    EXPECT_EQ(s.number("bytes"), served.size());
+    EXPECT_EQ(s.number("file_bytes"), kBuffers * kFrame);  // read once, at stream-on
+}
+
+TEST(Simulator, PrefilledBuffersAreServedWithoutCopying) {
+    constexpr size_t kFrame = 1880;
+    scoped_env env(settings({{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_PREFILLED", "1"}}));
+    client c;
+    ASSERT_TRUE(c.start(2));
+    v4l2_buffer buf = client::buffer(0);
+    ASSERT_EQ(ioctl(c.fd(), VIDIOC_DQBUF, &buf), 0);
+    ASSERT_EQ(buf.sequence, 0u);
+    // What the reader leaves in a buffer is what the board serves from it next time.
+    std::memset(c.mapping(buf.index), 0xA5, kFrame);
+    const uint32_t index = buf.index;
+    ASSERT_EQ(ioctl(c.fd(), VIDIOC_QBUF, &buf), 0);
+    frame_record f;
+    ASSERT_TRUE(c.next(f));
+    EXPECT_EQ(f.sequence, 1u);
+    EXPECT_EQ(f.data[0], 0x47);
+    ASSERT_TRUE(c.next(f));
+    EXPECT_EQ(f.sequence, 2u);
+    EXPECT_EQ(f.data, std::vector<uint8_t>(kFrame, 0xA5)) << "buffer " << index;
 }
 
 TEST(Simulator, RealTimePacingFollowsTheBitRate) {

@@ -233,6 +233,9 @@ config read_config(std::string& warnings) {
         else
             warn(warnings, "VQASISIM_PACING", v, "realtime or fast");
     }
+    value = c.prefilled;
+    read_uint("VQASISIM_PREFILLED", 0, 1, value, warnings);
+    c.prefilled = value != 0;
     value = c.multi_planar;
     read_uint("VQASISIM_MPLANE", 0, 1, value, warnings);
     c.multi_planar = value != 0;

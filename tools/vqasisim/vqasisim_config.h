@@ -74,6 +74,7 @@ struct config {
     uint32_t frame_size = 26320;
     uint64_t bitrate = 0;  // bits per second; 0: one frame per 20 ms
     bool realtime = true;
+    bool prefilled = false;  // buffers filled once at stream-on, then served in turn without copying
     bool multi_planar = false;
     uint32_t max_buffers = 32;
     std::vector<signal_step> signal;

@@ -105,6 +105,9 @@ private:
     void stop_streaming();
     void produce(uint64_t now);
     void fill_slot(uint64_t due);
+    // Prefilled mode: every buffer once from the input, at stream-on.
+    void prefill_buffers();
+    void log_marks(const std::vector<stream_mark>& marks, uint64_t frame);
     void fill_v4l2_buffer(uint32_t index, void* arg) const;
     void rearm_timer();
     signal_kind signal_now(uint64_t now) const;
@@ -141,6 +144,7 @@ private:
     size_t m_stride = 0;
     uint32_t m_length = 0;
     std::vector<buffer> m_buffers;
+    std::vector<uint32_t> m_prefilledBytes;  // prefilled mode: valid bytes of each buffer
     std::vector<mapping> m_mappings;
     std::deque<uint32_t> m_incoming;
     std::deque<uint32_t> m_done;
