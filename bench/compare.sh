@@ -2,35 +2,43 @@
 # Speed and cost of the capture path next to GStreamer's own elements and the
 # machine's memory bandwidth, on the same bytes, in one run.
 #
-#   bench/compare.sh [--short] [BUILD_DIR]
+#   bench/compare.sh [--short] [--baseline BASE_BUILD_DIR] [BUILD_DIR]
 #
 # BUILD_DIR (or $VQ_BUILD_DIR; default <repo>/build) is configured when it is
 # new and the targets needed are built in it. Each round runs every command
 # once, in turn, so that the machine's load falls on all of them alike; the
-# table gives each command's median over the rounds and its ratio to the
-# baselines. --short uses a small stream, three rounds and a short paced run
-# (a few seconds in all, for CI); no figure is checked against a threshold.
-# Environment: ROUNDS (default 5, 3 with --short), STREAM_MB (200, 4),
-# PACED_SECONDS (30, 2).
+# table gives each command's median over the rounds, its range and its ratio to
+# the baselines, with a warning where two compared ranges overlap.
+# --baseline adds the element rows once more with the plug-in of another build
+# (e.g. one of main), alternating with this build's in every round; the
+# simulator and the harness are this build's for both. --short uses a small
+# stream, three rounds and short paced runs (for CI); no figure is checked
+# against a threshold. Environment: ROUNDS (default 5, 3 with --short),
+# STREAM_MB (200, 4), PACED_SECONDS (10, 1), PORTS (paced port counts, "1 4 8").
 set -euo pipefail
 
 short=0
 build=${VQ_BUILD_DIR:-}
-for arg in "$@"; do
-    case $arg in
+baseline=
+while [ $# -gt 0 ]; do
+    case $1 in
         --short) short=1 ;;
-        -h|--help) sed -n '2,16p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
-        -*) echo "compare.sh: unknown option $arg" >&2; exit 2 ;;
-        *) build=$arg ;;
+        --baseline) baseline=${2:?--baseline needs a build directory}; shift ;;
+        -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        -*) echo "compare.sh: unknown option $1" >&2; exit 2 ;;
+        *) build=$1 ;;
     esac
+    shift
 done
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
 build=${build:-$repo/build}
+rounds=${ROUNDS:-5}
+ports=${PORTS:-1 4 8}
 if [ "$short" = 1 ]; then
-    rounds=${ROUNDS:-3}; stream_mb=${STREAM_MB:-4}; paced_s=${PACED_SECONDS:-2}; bench_mb=4; min_time=0.05
+    rounds=${ROUNDS:-3}; stream_mb=${STREAM_MB:-4}; paced_s=${PACED_SECONDS:-1}; bench_mb=4; min_time=0.05
 else
-    rounds=${ROUNDS:-5}; stream_mb=${STREAM_MB:-200}; paced_s=${PACED_SECONDS:-30}; bench_mb=100; min_time=0.5
+    stream_mb=${STREAM_MB:-200}; paced_s=${PACED_SECONDS:-10}; bench_mb=100; min_time=0.5
 fi
 
 if [ ! -f "$build/CMakeCache.txt" ]; then
@@ -38,6 +46,10 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
 fi
 cmake --build "$build" --target gstvqasicapture vqasisim bench_parser bench_memcpy gst_rate >/dev/null
 build=$(cd "$build" && pwd)
+if [ -n "$baseline" ]; then
+    baseline=$(cd "$baseline" && pwd)
+    [ -d "$baseline/gst-plugins" ] || { echo "compare.sh: no gst-plugins in $baseline" >&2; exit 2; }
+fi
 
 work=$build/compare
 mkdir -p "$work"
@@ -51,16 +63,15 @@ t2mi=$work/t2mi-plp102.${stream_mb}MB.ts
 [ -f "$t2mi" ] || python3 "$repo/bench/make_stream.py" "$repo/tests/data/t2mi-plp102.ts" "$t2mi" "$stream_mb" >/dev/null
 ts_bytes=$(stat -L -c %s "$ts")
 t2mi_bytes=$(stat -L -c %s "$t2mi")
-# The T2-MI run stops once most of the carrier's PLP 102 has come out.
+# The T2-MI runs stop once the PLP of about 90% of the carrier has come out.
 carrier=$(stat -L -c %s "$repo/tests/data/t2mi-plp102.ts")
 extracted=$(stat -L -c %s "$repo/tests/data/t2mi-plp102.reference-extracted.ts")
 t2mi_out=$(( t2mi_bytes / carrier * extracted * 9 / 10 ))
+t2mi_scale=$(awk -v c="$carrier" -v e="$extracted" 'BEGIN { printf "%.6f", c / e }')
 
-export GST_PLUGIN_PATH=$build/gst-plugins${GST_PLUGIN_PATH:+:$GST_PLUGIN_PATH}
-export GST_REGISTRY=$work/registry.bin
+GST_PLUGIN_PATH_BASE=${GST_PLUGIN_PATH:-}
 gst_rate=$build/bench/gst_rate
 sim=$build/tools/vqasisim/vqasi-sim
-summary=$work/sim-summary.txt
 full_rate=213000000
 
 # One measurement: name, bytes, wall seconds, CPU seconds of the process.
@@ -68,33 +79,49 @@ record() { printf '%s\t%s\t%s\t%s\n' "$1" "$2" "$3" "$4" >> "$results"; }
 # The value of key=value among the words of gst_rate's result line.
 field() { tr ' ' '\n' | sed -n "s/^$1=//p" | tail -1; }
 
+# GStreamer finds the plug-in of build $1 (each build its own registry).
+with_plugin() {
+    local dir=$1; shift
+    GST_PLUGIN_PATH=$dir/gst-plugins${GST_PLUGIN_PATH_BASE:+:$GST_PLUGIN_PATH_BASE} \
+        GST_REGISTRY=$work/registry-$(echo "$dir" | md5sum | cut -c1-8).bin "$@"
+}
+
 run_pipeline() {
     local name=$1; shift
     local out
-    out=$("$gst_rate" "$@")
+    out=$(with_plugin "$build" "$gst_rate" "$@")
     record "$name" "$(echo "$out" | field bytes)" "$(echo "$out" | field seconds)" "$(echo "$out" | field cpu_seconds)"
 }
 
-# The element on the unpaced simulator: the board's bytes (from the simulator's
-# summary) over the time the pipeline ran. The CPU time includes the simulated
-# board's copy of each frame into its buffer.
+# The element on the unpaced simulator. Its input bytes are worked out from the
+# bytes that reached the sink in the measured span: the same for TS, and for
+# T2-MI scaled by the carrier's size over its PLP's. With --prefilled the
+# board's buffers are filled once at stream-on and served without a copy, so
+# the CPU time is the element's and GStreamer's (and that one fill); without it
+# it includes the simulated board's copy of each frame into its buffer, which a
+# real board does by DMA.
 run_element() {
-    local name=$1 input=$2 input_type=$3 stop=$4
-    local out
-    rm -f "$summary"
-    out=$("$sim" --fast -r "$full_rate" -i "$input" --summary "$summary" -- \
+    local name=$1 plugin=$2 filling=$3 input=$4 input_type=$5 stop=$6 scale=$7
+    local out mode=()
+    [ "$filling" = prefilled ] && mode=(--prefilled)
+    out=$(with_plugin "$plugin" "$sim" --fast "${mode[@]}" -r "$full_rate" -i "$input" -- \
         "$gst_rate" --bytes "$stop" --seconds 120 \
         vqasicapture v4l2=/dev/video0 input_type="$input_type" plp=102 ! fakesink name=sink)
-    record "$name" "$(sed -n 's/^bytes=//p' "$summary" | head -1)" "$(echo "$out" | field seconds)" \
-        "$(echo "$out" | field cpu_seconds)"
+    record "$name" "$(echo "$out" | field bytes | awk -v s="$scale" '{ printf "%.0f", $1 * s }')" \
+        "$(echo "$out" | field seconds)" "$(echo "$out" | field cpu_seconds)"
 }
 
-# One paced full-rate port: the CPU seconds of the process per wall second.
+# N paced full-rate ports in one process, one pipeline each: the process's CPU
+# seconds per wall second (the table divides by N).
 run_paced() {
-    local out
-    out=$("$sim" --realtime -r "$full_rate" -i "$ts" -- "$gst_rate" --seconds "$paced_s" \
-        vqasicapture v4l2=/dev/video0 input_type=0 ! fakesink name=sink)
-    record cpu_port "$(echo "$out" | field bytes)" "$(echo "$out" | field seconds)" "$(echo "$out" | field cpu_seconds)"
+    local name=$1 plugin=$2 filling=$3 n=$4
+    local out devices=() mode=()
+    [ "$filling" = prefilled ] && mode=(--prefilled)
+    for i in $(seq 0 $((n - 1))); do devices+=(-d "/dev/video$i"); done
+    out=$(with_plugin "$plugin" "$sim" --realtime "${mode[@]}" "${devices[@]}" -r "$full_rate" -i "$ts" -- \
+        "$gst_rate" --copies "$n" --seconds "$paced_s" \
+        vqasicapture v4l2=/dev/video@N@ input_type=0 ! fakesink name=sink)
+    record "$name" "$(echo "$out" | field bytes)" "$(echo "$out" | field seconds)" "$(echo "$out" | field cpu_seconds)"
 }
 
 # Google Benchmark rows (CSV: name,iterations,real_time,cpu_time,time_unit,
@@ -113,71 +140,48 @@ run_benchmarks() {
         bench_row memcpy BM_Memcpy >> "$results"
 }
 
+# The element rows of one build; `tag` prefixes their names.
+run_element_rows() {
+    local tag=$1 plugin=$2
+    run_element "${tag}ts_prefilled" "$plugin" prefilled "$ts" 0 "$ts_bytes" 1
+    run_element "${tag}ts_copy" "$plugin" copy "$ts" 0 "$ts_bytes" 1
+    run_element "${tag}t2mi_prefilled" "$plugin" prefilled "$t2mi" 1 "$t2mi_out" "$t2mi_scale"
+    run_element "${tag}t2mi_copy" "$plugin" copy "$t2mi" 1 "$t2mi_out" "$t2mi_scale"
+}
+
+run_paced_rows() {
+    local tag=$1 plugin=$2
+    for n in $ports; do
+        run_paced "${tag}paced_$n" "$plugin" prefilled "$n"
+    done
+    run_paced "${tag}paced_copy_1" "$plugin" copy 1
+}
+
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 for round in $(seq "$rounds"); do
     echo "round $round/$rounds" >&2
     run_benchmarks
     run_pipeline fakesrc_1316 --bytes "$ts_bytes" fakesrc sizetype=fixed sizemax=1316 filltype=nothing ! fakesink name=sink
-    run_pipeline ts_filesrc_1316 filesrc location="$ts" blocksize=1316 ! fakesink name=sink
-    run_pipeline ts_tsparse filesrc location="$ts" ! tsparse ! fakesink name=sink
-    run_element ts_vqasicapture "$ts" 0 "$ts_bytes"
-    run_pipeline t2mi_filesrc_1316 filesrc location="$t2mi" blocksize=1316 ! fakesink name=sink
-    run_pipeline t2mi_tsparse filesrc location="$t2mi" ! tsparse ! fakesink name=sink
-    run_element t2mi_vqasicapture "$t2mi" 1 "$t2mi_out"
-    run_paced
+    for stream in ts t2mi; do
+        file=$ts; [ "$stream" = t2mi ] && file=$t2mi
+        run_pipeline "${stream}_filesrc_1316" filesrc location="$file" blocksize=1316 ! fakesink name=sink
+        run_pipeline "${stream}_tsparse" filesrc location="$file" ! tsparse ! fakesink name=sink
+        run_pipeline "${stream}_memsrc_1316" vqmemsrc location="$file" blocksize=1316 ! fakesink name=sink
+        run_pipeline "${stream}_tsparse_mem" vqmemsrc location="$file" blocksize=1316 ! tsparse ! fakesink name=sink
+    done
+    # This build and the baseline take turns going first.
+    if [ -n "$baseline" ] && [ $((round % 2)) = 1 ]; then
+        run_element_rows base_ "$baseline"; run_element_rows "" "$build"
+        run_paced_rows base_ "$baseline"; run_paced_rows "" "$build"
+    elif [ -n "$baseline" ]; then
+        run_element_rows "" "$build"; run_element_rows base_ "$baseline"
+        run_paced_rows "" "$build"; run_paced_rows base_ "$baseline"
+    else
+        run_element_rows "" "$build"
+        run_paced_rows "" "$build"
+    fi
 done
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
-python3 - "$results" "$rounds" "$ts_bytes" "$t2mi_bytes" "$load_before" "$load_after" "$(nproc)" <<'PY'
-import statistics, sys
-path, rounds, ts_bytes, t2mi_bytes, load0, load1, cores = sys.argv[1:]
-wall, cpu = {}, {}
-for line in open(path):
-    name, size, seconds, cpu_seconds = line.rstrip("\n").split("\t")
-    wall.setdefault(name, []).append(float(size) / float(seconds))
-    cpu.setdefault(name, []).append(float(size) / float(cpu_seconds) if float(cpu_seconds) else 0.0)
-med_wall = {k: statistics.median(v) for k, v in wall.items()}
-med_cpu = {k: statistics.median(v) for k, v in cpu.items()}
-print("rounds %s, %s cores, load average %s before, %s after" % (rounds, cores, load0, load1))
-print("TS stream %.1f MB, T2-MI carrier %.1f MB; medians of the input bytes per wall second and"
-      % (int(ts_bytes) / 1e6, int(t2mi_bytes) / 1e6))
-print("per CPU second of the process (the latter is less disturbed by other load)")
-print()
-rows = [
-    ("memory copy (memcpy, 64 MiB)", "memcpy", None),
-    ("library: synchroniser + parser", "lib_sync_parser", "memcpy"),
-    ("library: parser, 16-program multiplex", "lib_parser_mux", "memcpy"),
-    ("library: T2-MI decapsulation", "lib_t2mi", "memcpy"),
-    ("fakesrc sizemax=1316 ! fakesink", "fakesrc_1316", None),
-    ("TS: filesrc blocksize=1316 ! fakesink", "ts_filesrc_1316", None),
-    ("TS: filesrc ! tsparse ! fakesink", "ts_tsparse", "ts_filesrc_1316"),
-    ("TS: vqasicapture input_type=0 ! fakesink", "ts_vqasicapture", "ts_filesrc_1316"),
-    ("T2-MI: filesrc blocksize=1316 ! fakesink", "t2mi_filesrc_1316", None),
-    ("T2-MI: filesrc ! tsparse ! fakesink", "t2mi_tsparse", "t2mi_filesrc_1316"),
-    ("T2-MI: vqasicapture input_type=1 ! fakesink", "t2mi_vqasicapture", "t2mi_filesrc_1316"),
-]
-print("%-44s %9s %11s %9s %11s  %s" % ("command", "MB/s", "wall range", "MB/cpu-s", "ratio wall", "ratio cpu (to)"))
-for label, key, base in rows:
-    if key not in med_wall:
-        continue
-    spread = "%.0f-%.0f" % (min(wall[key]) / 1e6, max(wall[key]) / 1e6)
-    ratio_wall = ratio_cpu = ""
-    if base and base in med_wall:
-        ratio_wall = "%.2f" % (med_wall[key] / med_wall[base])
-        ratio_cpu = "%.2f (%s)" % (med_cpu[key] / med_cpu[base], base)
-    print("%-44s %9.1f %11s %9.1f %11s  %s" % (label, med_wall[key] / 1e6, spread, med_cpu[key] / 1e6,
-                                                ratio_wall, ratio_cpu))
-print()
-for key, base in (("ts_vqasicapture", "ts_tsparse"), ("t2mi_vqasicapture", "t2mi_tsparse")):
-    if key in med_wall and base in med_wall:
-        print("%s / %s: %.2f by wall time, %.2f by CPU time"
-              % (key, base, med_wall[key] / med_wall[base], med_cpu[key] / med_cpu[base]))
-if "cpu_port" in wall:
-    share = [r / c if c else 0.0 for r, c in zip(wall["cpu_port"], cpu["cpu_port"])]
-    print("CPU per paced 213 Mbit/s port: %.2f %% of one core (median; %.2f-%.2f %%)"
-          % (100 * statistics.median(share), 100 * min(share), 100 * max(share)))
-if "fakesrc_1316" in med_cpu:
-    # What GStreamer itself spends to move a 213 Mbit/s port in 1,316-byte buffers.
-    print("GStreamer's own share of such a port (fakesrc sizemax=1316 ! fakesink, unpaced): %.2f %% of one core"
-          % (100 * 213e6 / 8 / med_cpu["fakesrc_1316"]))
-PY
+python3 "$repo/bench/compare_report.py" "$results" "$rounds" "$ts_bytes" "$t2mi_bytes" "$load_before" \
+    "$load_after" "$(nproc)" "$full_rate" "$ports"

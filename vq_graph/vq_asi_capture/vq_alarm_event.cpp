@@ -21,6 +21,7 @@ bool vq_alarm_event::check() {
     } else {
         m_data.active = false;
     }
+    m_bActive = m_data.active;
     return m_bAlarm;
 }
 
@@ -30,14 +31,17 @@ void vq_alarm_event::reset() {
     m_data.count = 0;
     // Cleared together with the sticky flag: event() relies on "not raised" meaning "not active".
     m_data.active = false;
+    m_bActive = false;
     m_bAlarm = false;
 }
 
 void vq_alarm_event::event(long) {
     m_time_point = std::chrono::steady_clock::now();
-    // Only check() sets active, and it raises m_bAlarm first under the same lock.
-    if (m_bAlarm) {
+    // Only check() sets active, under the lock, after reading the time stored above;
+    // one that read an older time is corrected by the next event.
+    if (m_bActive) {
         std::lock_guard<std::mutex> lock(m_csData);
         m_data.active = false;
+        m_bActive = false;
     }
 }

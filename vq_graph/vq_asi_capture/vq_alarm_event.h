@@ -20,8 +20,8 @@ public:
     bool check() override;
     // event(0) through the virtual slot, then count 0 and the sticky flag cleared.
     void reset() override;
-    // Feeds the watchdog; the argument is ignored. Lock-free unless the alarm has
-    // been raised since the last reset.
+    // Feeds the watchdog; the argument is ignored. Lock-free unless the alarm is
+    // active at that moment.
     void event(long n) override;
 
     bool is_alarm() const { return m_bAlarm; }
@@ -31,4 +31,7 @@ protected:
     std::atomic<std::chrono::steady_clock::time_point> m_time_point;
     std::chrono::seconds m_duration;
     std::atomic<bool> m_bAlarm{false};
+    // Mirrors m_data.active (written with it, under m_csData), so that the feed,
+    // called for every packet, takes the lock only to clear an active alarm.
+    std::atomic<bool> m_bActive{false};
 };

@@ -100,7 +100,9 @@ bool vq_data_provider::push_data(unsigned long pts, unsigned char* data, unsigne
 void vq_data_provider::push_buffer() {
     GstBuffer* buffer = std::exchange(m_pGstBuffer, nullptr);
     gst_buffer_unmap(buffer, &m_map);
-    gst_buffer_set_size(buffer, static_cast<gssize>(m_gstBufferSize));
+    // Pool buffers are usually seven packets long already; resizing checks every memory.
+    if (gst_buffer_get_size(buffer) != m_gstBufferSize)
+        gst_buffer_set_size(buffer, static_cast<gssize>(m_gstBufferSize));
     m_gstBufferSize = 0;
     const GstFlowReturn ret = gst_pad_push(m_asi_pad.pad, buffer);
     if (ret != GST_FLOW_OK)
