@@ -29,7 +29,7 @@ purge_packages() {
   local left
   left=$(installed_packages)
   if [ -n "$left" ]; then
-    echo "=== purge $left"
+    echo "=== purge" $left
     # shellcheck disable=SC2086
     apt_get purge $left >/dev/null || status=1
   fi
