@@ -1,4 +1,5 @@
-# Debian package of the plug-in, the tools, the libraries and the headers:
+# One quick local Debian package of the plug-in, the tools, the libraries and
+# the headers (the release packages come from debian/ with dpkg-buildpackage):
 #   cmake -S . -B build-deb -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DVQ_BUILD_TESTS=OFF -DVQ_BUILD_BENCH=OFF
 #   cmake --build build-deb && (cd build-deb && cpack -G DEB)
 # The prefix must be /usr at configure time: GNUInstallDirs then picks the
@@ -8,13 +9,14 @@ set(CPACK_PACKAGE_NAME "gstreamer1.0-vqasicapture")
 set(CPACK_PACKAGE_VENDOR "vq_graph")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "GStreamer DVB-ASI capture element (vqasicapture) and MPEG-TS tools")
-set(CPACK_PACKAGE_DESCRIPTION
-    "The vqasicapture source element captures DVB-ASI transport streams (plain TS or T2-MI)\n"
-    "from a V4L2 capture board, with capture statistics and alarms. Includes vqasi-monitor,\n"
-    "ts-tables, t2mi-extract, the board simulator, the mpegcore library and headers.")
+string(CONCAT CPACK_PACKAGE_DESCRIPTION
+    "The vqasicapture source element captures DVB-ASI transport streams (plain\n"
+    "TS or T2-MI) from a V4L2 capture board, with capture statistics and alarms.\n"
+    "Includes vqasi-monitor, ts-tables, t2mi-extract, the board simulator, the\n"
+    "mpegcore library and headers.")
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_MAINTAINER "vq_graph maintainers <vq-graph@localhost>")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "vq_graph maintainers <maintainers@users.noreply.c-seed-5fce56d9.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION "video")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_STRIP_FILES ON)

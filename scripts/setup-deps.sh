@@ -11,6 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libdvbpsi-dev
   v4l-utils
+  debhelper lintian help2man man-db
 )
 
 missing=()

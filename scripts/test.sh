@@ -2,7 +2,8 @@
 # Installs what is missing, then builds and runs every test suite in a normal build
 # and an AddressSanitizer + UndefinedBehaviorSanitizer build, the multi-threaded
 # suites under ThreadSanitizer, the library's fuzzers for a bounded time, and the
-# install check (installed headers, pkg-config files, example and tools).
+# install check (installed headers, pkg-config files, example and tools), and the
+# Debian packages (built, lintian-clean, installed, used and purged).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -54,5 +55,8 @@ bash scripts/fuzz.sh "${FUZZ_SECONDS:-20}"
 
 # What users get from `cmake --install`.
 bash scripts/check-install.sh
+
+# The Debian packages of debian/, as a user installs and uses them.
+bash scripts/check-debian.sh
 
 echo "all test runs: $passed passed, 0 failed"

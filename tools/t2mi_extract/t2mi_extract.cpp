@@ -24,7 +24,8 @@ const char kUsage[] =
     "PLPs found in IN are listed; when there is exactly one it is extracted.\n"
     "\n"
     "  -p, --plp N  the PLP to extract (0 to 255)\n"
-    "  -h, --help   this text\n";
+    "  -h, --help   this text\n"
+    "      --version  the version of t2mi-extract\n";
 
 constexpr size_t kReadSize = 188 * 1024;
 
@@ -139,6 +140,7 @@ int main(int argc, char** argv) {
     static const option kOptions[] = {
         {"plp", required_argument, nullptr, 'p'},
         {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     for (int c; (c = getopt_long(argc, argv, "p:h", kOptions, nullptr)) != -1;) {
@@ -153,6 +155,7 @@ int main(int argc, char** argv) {
             break;
         }
         case 'h': std::fputs(kUsage, stdout); return 0;
+        case 'V': std::printf("t2mi-extract %s\n", VQ_GRAPH_VERSION); return 0;
         default: std::fputs(kUsage, stderr); return 2;
         }
     }

@@ -26,7 +26,8 @@ const char kUsage[] =
     "and TOT, each once per version, with fields, descriptors and decoded names.\n"
     "\n"
     "  -j, --json   one JSON object per table and line instead of text\n"
-    "  -h, --help   this text\n";
+    "  -h, --help   this text\n"
+    "      --version  the version of ts-tables\n";
 
 using namespace mpegcore;
 
@@ -119,12 +120,14 @@ int main(int argc, char** argv) {
     static const option kOptions[] = {
         {"json", no_argument, nullptr, 'j'},
         {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     for (int c; (c = getopt_long(argc, argv, "jh", kOptions, nullptr)) != -1;) {
         switch (c) {
         case 'j': json = true; break;
         case 'h': std::fputs(kUsage, stdout); return 0;
+        case 'V': std::printf("ts-tables %s\n", VQ_GRAPH_VERSION); return 0;
         default: std::fputs(kUsage, stderr); return 2;
         }
     }

@@ -32,6 +32,7 @@ struct monitor_options {
     gchar* udp = nullptr;  // HOST:PORT
     gdouble duration = 0;
     gboolean json = FALSE;
+    gboolean version = FALSE;
 
     ~monitor_options() {
         g_free(device);
@@ -356,6 +357,7 @@ int main(int argc, char** argv) {
          "SECONDS"},
         {"json", 'j', 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per second instead of a screen",
          nullptr},
+        {"version", 0, 0, G_OPTION_ARG_NONE, &options.version, "Print the version of vqasi-monitor and exit", nullptr},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
     };
     GOptionContext* context = g_option_context_new("- monitor a DVB-ASI input captured by vqasicapture");
@@ -372,6 +374,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vqasi-monitor: %s (see --help)\n", error ? error->message : "bad options");
         g_clear_error(&error);
         return 2;
+    }
+    if (options.version) {
+        std::printf("vqasi-monitor %s\n", VQ_GRAPH_VERSION);
+        return 0;
     }
     if (options.inputType < 0 || options.inputType > 1 || options.plp < 0 || options.plp > 255 ||
         options.duration < 0 || (options.outputFile && options.udp)) {
