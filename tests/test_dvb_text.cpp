@@ -65,6 +65,7 @@ TEST(DvbText, KoreanChineseAndBig5Tables) {
     EXPECT_EQ(decode("\x13\xD6\xD0\xE0\x8A\xCE\xC4"), "\xE4\xB8\xAD\n\xE6\x96\x87");
     EXPECT_EQ(decode("\x14\xE0\x86\xA4\xA4\xE0\x87"), "\xE4\xB8\xAD");
     EXPECT_EQ(decode("\x13" "ab\xD6"), "ab" + kReplacement);  // cut in the middle of a character
+    EXPECT_EQ(decode(std::string("\x14\xA4\xA4\x80\x00", 5)), "\xE4\xB8\xAD");  // Big5 0x80 is a C1 control
 }
 
 TEST(DvbText, Utf8TableKeepsValidTextAndReplacesInvalidBytes) {
@@ -74,6 +75,7 @@ TEST(DvbText, Utf8TableKeepsValidTextAndReplacesInvalidBytes) {
     EXPECT_EQ(decode("\x15\xFF" "A"), kReplacement + "A");
     EXPECT_EQ(decode("\x15" "A\xD0"), "A" + kReplacement);
     EXPECT_EQ(decode("\x15\xED\xA0\x80"), kReplacement + kReplacement + kReplacement);  // encoded surrogate
+    EXPECT_EQ(decode("\x15\xF6\x91\x91\x91"), kReplacement + kReplacement + kReplacement + kReplacement);  // past U+10FFFF
 }
 
 TEST(DvbText, ControlCodesOfOneByteTables) {

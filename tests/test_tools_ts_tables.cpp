@@ -272,6 +272,35 @@ void set_long_header(CBaseMpegTable& table, uint8_t tableId) {
     table.reserved = 3;
 }
 
+// A service with a service descriptor; the names are raw SI text bytes.
+void add_service(CSDT& sdt, uint16_t id, uint8_t type, const std::string& provider, const std::string& name,
+                 uint8_t running) {
+    auto service = std::make_shared<CServiceDescriptionSection>();
+    service->service_id = id;
+    service->reserved_future_use = 0x3F;
+    service->EIT_present_following_flag = 1;
+    service->running_status = running;
+    auto d = std::make_shared<service_descriptor>();
+    d->service_type = type;
+    d->service_provider_name_length = static_cast<uint8_t>(provider.size());
+    std::memcpy(d->service_provider_name, provider.data(), provider.size());
+    d->service_name_length = static_cast<uint8_t>(name.size());
+    std::memcpy(d->service_name, name.data(), name.size());
+    d->descriptor_length = static_cast<uint8_t>(3 + provider.size() + name.size());
+    service->descriptors.descriptor.push_back(d);
+    sdt.sds[id] = service;
+}
+
+// Writes a stream to a new temporary file; its path.
+std::string write_temporary(const std::vector<uint8_t>& stream) {
+    char path[] = "/tmp/ts-tables-XXXXXX";
+    const int fd = mkstemp(path);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+    close(fd);
+    return path;
+}
+
 class TsTablesOnRenderedSections : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -311,8 +340,8 @@ protected:
         sdt.current_next_indicator = 1;
         sdt.original_network_id = 0x2222;
         sdt.reserved_future_use1 = 0xFF;
-        add_service(1, 0x19, "Prov", "Chan One", 4);
-        add_service(2, 0x02, "Prov", "Radio", 1);
+        add_service(sdt, 1, 0x19, "Prov", "Chan One", 4);
+        add_service(sdt, 2, 0x02, "Prov", "Radio", 1);
         sdt.RenderTable();
 
         set_long_header(nit, 0x40);
@@ -392,12 +421,7 @@ protected:
         // A repeated PAT of the same version is not printed again.
         packetize(stream, 0x0000, vq_test::renderedBytes(pat), cc[0]);
 
-        char path[] = "/tmp/ts-tables-rendered-XXXXXX";
-        const int fd = mkstemp(path);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
-        close(fd);
-        m_path = path;
+        m_path = write_temporary(stream);
         tables = tables_of(m_path);
     }
     void TearDown() override {
@@ -427,23 +451,6 @@ protected:
             stream->descriptors.descriptor.push_back(iso);
         }
         pmt.stream_map[pid] = stream;
-    }
-    void add_service(uint16_t id, uint8_t type, const std::string& provider, const std::string& name,
-                     uint8_t running) {
-        auto service = std::make_shared<CServiceDescriptionSection>();
-        service->service_id = id;
-        service->reserved_future_use = 0x3F;
-        service->EIT_present_following_flag = 1;
-        service->running_status = running;
-        auto d = std::make_shared<service_descriptor>();
-        d->service_type = type;
-        d->service_provider_name_length = static_cast<uint8_t>(provider.size());
-        std::memcpy(d->service_provider_name, provider.data(), provider.size());
-        d->service_name_length = static_cast<uint8_t>(name.size());
-        std::memcpy(d->service_name, name.data(), name.size());
-        d->descriptor_length = static_cast<uint8_t>(3 + provider.size() + name.size());
-        service->descriptors.descriptor.push_back(d);
-        sdt.sds[id] = service;
     }
 
     const json_value& only(const std::string& name) {
@@ -620,23 +627,9 @@ protected:
     void SetUp() override {
         CSDT sdt(nullptr, 4096);
         set_long_header(sdt, 0x42);
-        sdt.transport_stream_id = 1;
-        sdt.reserved1 = 3;
         sdt.current_next_indicator = 1;
-        sdt.original_network_id = 2;
-        sdt.reserved_future_use1 = 0xFF;
-        for (size_t i = 0; i < kNames.size(); ++i) {
-            auto service = std::make_shared<CServiceDescriptionSection>();
-            service->service_id = static_cast<uint16_t>(i + 1);
-            service->reserved_future_use = 0x3F;
-            auto d = std::make_shared<service_descriptor>();
-            d->service_type = 1;
-            d->service_name_length = static_cast<uint8_t>(kNames[i].first.size());
-            std::memcpy(d->service_name, kNames[i].first.data(), kNames[i].first.size());
-            d->descriptor_length = static_cast<uint8_t>(3 + kNames[i].first.size());
-            service->descriptors.descriptor.push_back(d);
-            sdt.sds[service->service_id] = service;
-        }
+        for (size_t i = 0; i < kNames.size(); ++i)
+            add_service(sdt, static_cast<uint16_t>(i + 1), 1, "", kNames[i].first, 4);
         sdt.RenderTable();
 
         // An EIT packet that continues a section never started makes the
@@ -649,12 +642,7 @@ protected:
         uint8_t cc = 0;
         packetize(stream, 0x0011, vq_test::renderedBytes(sdt), cc);
 
-        char path[] = "/tmp/ts-tables-texts-XXXXXX";
-        const int fd = mkstemp(path);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
-        close(fd);
-        m_path = path;
+        m_path = write_temporary(stream);
         m_errors = m_path + ".stderr";
     }
     void TearDown() override {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace mpegcore {
 
@@ -22,29 +23,46 @@ const char* iso8859(unsigned part) {
     return part < sizeof kIso8859 / sizeof kIso8859[0] ? kIso8859[part] : nullptr;
 }
 
+// Whether a decoded character is a control character: C0, DEL, C1, or one
+// of the two-byte control codes U+E080..U+E09F.
+bool is_control(uint32_t c) {
+    return c < 0x20 || c == 0x7F || (c >= 0x80 && c <= 0x9F) || (c >= 0xE080 && c <= 0xE09F);
+}
+
+bool opened(iconv_t cd) {
+    return cd != reinterpret_cast<iconv_t>(-1);
+}
+
+// iconv from a character table to UTF-32 (which admits only Unicode scalar
+// values, so what the table's decoder lets through is checked once more),
+// then from UTF-32 to UTF-8.
 class converter {
 public:
-    explicit converter(const char* from) : m_cd(iconv_open("UTF-8", from)) {}
+    explicit converter(const char* from)
+        : m_decode(iconv_open("UTF-32BE", from)), m_encode(iconv_open("UTF-8", "UTF-32BE")) {}
     ~converter() {
-        if (valid())
-            iconv_close(m_cd);
+        if (opened(m_decode))
+            iconv_close(m_decode);
+        if (opened(m_encode))
+            iconv_close(m_encode);
     }
     converter(const converter&) = delete;
     converter& operator=(const converter&) = delete;
 
-    bool valid() const { return m_cd != reinterpret_cast<iconv_t>(-1); }
+    bool valid() const { return opened(m_decode) && opened(m_encode); }
 
-    // Appends the conversion of a run of text bytes; each sequence iconv
-    // rejects becomes U+FFFD and decoding resumes one unit further on.
+    // Appends the conversion of a run of text bytes, control characters
+    // left out; each sequence iconv rejects becomes U+FFFD and decoding
+    // resumes one unit further on.
     void append(const uint8_t* data, size_t size, size_t unit, std::string& out) {
         char* in = const_cast<char*>(reinterpret_cast<const char*>(data));
         size_t inLeft = size;
-        char buffer[512];
+        unsigned char decoded[1024];
         while (inLeft > 0) {
-            char* produced = buffer;
-            size_t room = sizeof buffer;
-            const size_t result = iconv(m_cd, &in, &inLeft, &produced, &room);
-            append_printable(buffer, static_cast<size_t>(produced - buffer), out);
+            char* produced = reinterpret_cast<char*>(decoded);
+            size_t room = sizeof decoded;
+            const size_t result = iconv(m_decode, &in, &inLeft, &produced, &room);
+            append_characters(decoded, static_cast<size_t>(produced - reinterpret_cast<char*>(decoded)) / 4, out);
             if (result != static_cast<size_t>(-1))
                 break;
             if (errno == E2BIG)
@@ -55,22 +73,37 @@ public:
             const size_t skip = std::min(unit, inLeft);
             in += skip;
             inLeft -= skip;
-            iconv(m_cd, nullptr, nullptr, nullptr, nullptr);
+            iconv(m_decode, nullptr, nullptr, nullptr, nullptr);
         }
-        iconv(m_cd, nullptr, nullptr, nullptr, nullptr);
+        iconv(m_decode, nullptr, nullptr, nullptr, nullptr);
     }
 
 private:
-    // UTF-8 output minus C0 control characters and DEL (single bytes in UTF-8).
-    static void append_printable(const char* data, size_t size, std::string& out) {
-        for (size_t i = 0; i < size; ++i) {
-            const unsigned char c = static_cast<unsigned char>(data[i]);
-            if (c >= 0x20 && c != 0x7F)
-                out += static_cast<char>(c);
+    // Appends count big-endian UTF-32 characters as UTF-8, but for control characters.
+    void append_characters(unsigned char* characters, size_t count, std::string& out) {
+        size_t kept = 0;
+        for (size_t i = 0; i < count; ++i) {
+            const unsigned char* c = characters + 4 * i;
+            const uint32_t value = static_cast<uint32_t>(c[0]) << 24 | static_cast<uint32_t>(c[1]) << 16 |
+                                   static_cast<uint32_t>(c[2]) << 8 | c[3];
+            if (!is_control(value))
+                std::memmove(characters + 4 * kept++, c, 4);
+        }
+        char* in = reinterpret_cast<char*>(characters);
+        size_t inLeft = 4 * kept;
+        char encoded[1024];
+        while (inLeft > 0) {
+            char* produced = encoded;
+            size_t room = sizeof encoded;
+            const size_t result = iconv(m_encode, &in, &inLeft, &produced, &room);
+            out.append(encoded, static_cast<size_t>(produced - encoded));
+            if (result == static_cast<size_t>(-1) && errno != E2BIG)
+                break;  // every scalar value has a UTF-8 form; stop rather than loop
         }
     }
 
-    iconv_t m_cd;
+    iconv_t m_decode;
+    iconv_t m_encode;
 };
 
 // Length of the control code at data[0] in the given layout (0 when there

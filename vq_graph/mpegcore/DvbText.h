@@ -13,7 +13,8 @@
 //   0x13                       GB 2312 (EUC-CN)
 //   0x14                       Big5
 //   0x15                       UTF-8
-// The conversion itself is glibc's iconv; no character table is held here.
+// The conversion itself is glibc's iconv (through UTF-32, so that only
+// Unicode scalar values come out); no character table is held here.
 //
 // Control codes (0x80..0x9F in the one-byte tables; 0xE080..0xE09F, and in
 // UCS-2 and UTF-8 also U+0080..U+009F, in the others): 0x8A (CR/LF) becomes
