@@ -75,9 +75,10 @@ protected:
     // Every packet of the T2-MI PID passes here on its way to the decapsulator.
     virtual void take_packet(mpegcore::transport_packet* packet) { CT2MIToTS::OnPES(0, nullptr, packet); }
 
-    // With every PLP rebuilt, the decapsulator is pointed at the PLP named in
-    // the baseband frame header of the T2-MI packet that a unit start
-    // completes, before that packet is checked; -1 when it is no baseband frame.
+    // The plp_id of the T2-MI packet that this unit start completes (the
+    // collected bytes and those before the pointed-at start), -1 when it is
+    // no baseband frame. Pointing the decapsulator at it before the packet is
+    // checked rebuilds every PLP in turn.
     int completed_frame_plp(const mpegcore::transport_packet& packet) const {
         if (!packet.payload_unit_start_indicator || !packet.hasPayload() || packet.lCurrSizePkt < 1 ||
             !m_bT2MIDataValid || packet.PID != m_wT2MIPID)
@@ -270,8 +271,6 @@ int extract(const std::string& in, const std::string& out, int plp, int pid) {
     return 0;
 }
 
-}  // namespace
-
 // A number from 0 to max, or -1 (with a message) when the text is none.
 long number_option(const char* name, const char* text, long max) {
     char* end = nullptr;
@@ -282,6 +281,8 @@ long number_option(const char* name, const char* text, long max) {
     }
     return value;
 }
+
+}  // namespace
 
 int main(int argc, char** argv) {
     long plp = -1;
