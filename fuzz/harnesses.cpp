@@ -1,6 +1,9 @@
 #include "harnesses.h"
 
+#include <iconv.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <memory>
@@ -10,6 +13,7 @@
 #include "mpegcore/BAT.h"
 #include "mpegcore/BaseMpegParser.h"
 #include "mpegcore/CAT.h"
+#include "mpegcore/DvbText.h"
 #include "mpegcore/EIT.h"
 #include "mpegcore/MpegCRC32.h"
 #include "mpegcore/NIT.h"
@@ -685,12 +689,41 @@ std::string fuzzRoundTrip(const uint8_t* data, size_t size) {
     }
 }
 
+std::string fuzzText(const uint8_t* data, size_t size) {
+    const ExactCopy text(data, size);
+    const std::string utf8 = DvbText::to_utf8(text.data(), text.size());
+    if (utf8.empty())
+        return {};
+    // Decoded again, to UTF-32, by iconv: any invalid sequence stops it.
+    const iconv_t cd = iconv_open("UTF-32BE", "UTF-8");
+    if (cd == reinterpret_cast<iconv_t>(-1))
+        return "iconv cannot convert UTF-8 to UTF-32";
+    std::vector<unsigned char> codePoints(utf8.size() * 4);
+    char* in = const_cast<char*>(utf8.data());
+    size_t inLeft = utf8.size();
+    char* out = reinterpret_cast<char*>(codePoints.data());
+    size_t outLeft = codePoints.size();
+    const size_t result = iconv(cd, &in, &inLeft, &out, &outLeft);
+    iconv_close(cd);
+    Findings findings;
+    findings.check(result != static_cast<size_t>(-1) && inLeft == 0, "the text is not valid UTF-8");
+    const size_t count = (codePoints.size() - outLeft) / 4;
+    for (size_t i = 0; i < count; ++i) {
+        const uint32_t c = static_cast<uint32_t>(codePoints[4 * i] << 24 | codePoints[4 * i + 1] << 16 |
+                                                 codePoints[4 * i + 2] << 8 | codePoints[4 * i + 3]);
+        findings.check(c == '\n' || (c >= 0x20 && c != 0x7F && !(c >= 0x80 && c <= 0x9F) &&
+                                      !(c >= 0xE080 && c <= 0xE09F)),
+                       "the text holds a control character");
+    }
+    return findings.first();
+}
+
 const std::vector<Target>& targets() {
     static const std::vector<Target> all = {
         {"sync", fuzzSync},   {"parser", fuzzParser}, {"t2mi", fuzzT2MI}, {"descriptors", fuzzDescriptors},
         {"pat", fuzzPAT},     {"pmt", fuzzPMT},       {"cat", fuzzCAT},   {"tsdt", fuzzTSDT},
         {"tdt", fuzzTDT},     {"tot", fuzzTOT},       {"nit", fuzzNIT},   {"sdt", fuzzSDT},
-        {"bat", fuzzBAT},     {"eit", fuzzEIT},       {"roundtrip", fuzzRoundTrip},
+        {"bat", fuzzBAT},     {"eit", fuzzEIT},       {"roundtrip", fuzzRoundTrip}, {"text", fuzzText},
     };
     return all;
 }

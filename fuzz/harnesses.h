@@ -66,4 +66,9 @@ std::string fuzzEIT(const uint8_t* data, size_t size);
 // that order (modulo 10), the control as for the table reads.
 std::string fuzzRoundTrip(const uint8_t* data, size_t size);
 
+// DvbText::to_utf8: the whole input is one SI text, character table
+// selector first. The result must be valid UTF-8 without control characters
+// other than the line break.
+std::string fuzzText(const uint8_t* data, size_t size);
+
 }  // namespace vq_fuzz

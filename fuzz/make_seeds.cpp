@@ -259,6 +259,22 @@ void addT2mi(Corpus& corpus, const fs::path& data) {
     corpus.add("t2mi", "encapsulated-ts", concat({{0x00, 0x00}, vq_test::wrapIntoTransportStream(packets, carrier)}));
 }
 
+// SI texts: one in each character table, with control codes.
+void addTexts(Corpus& corpus) {
+    const std::vector<std::pair<const char*, Bytes>> texts = {
+        {"iso6937", {'C', 'a', 'f', 0xC2, 'e', 0x86, 'N', 0x87, 0x8A, 0xC8, 'a'}},
+        {"iso8859-5", {0x01, 0xB0, 0xB1, 0x8A, 0xB2}},
+        {"iso8859-nn", {0x10, 0x00, 0x02, 0xB1, 'x'}},
+        {"ucs2", {0x11, 0x04, 0x10, 0xE0, 0x8A, 0x00, 'A', 0xD8, 0x00}},
+        {"euc-kr", {0x12, 0xC7, 0xD1, 0xB1, 0xDB}},
+        {"gb2312", {0x13, 0xD6, 0xD0, 0xE0, 0x8A, 0xCE, 0xC4}},
+        {"big5", {0x14, 0xA4, 0xA4, 0xE0, 0x86, 0xA4, 0xE5}},
+        {"utf8", {0x15, 0xD0, 0x90, 0xC2, 0x8A, 0xEE, 0x82, 0x86, 0xE2, 0x82, 0xAC, 0xFF}},
+    };
+    for (const auto& text : texts)
+        corpus.add("text", text.first, text.second);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -272,6 +288,7 @@ int main(int argc, char** argv) {
         addCapture(corpus, data / capture);
     addBuiltSections(corpus);
     addT2mi(corpus, data);
+    addTexts(corpus);
     std::printf("%zu seeds, %zu bytes\n", corpus.files(), corpus.total());
     return 0;
 }

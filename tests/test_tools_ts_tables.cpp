@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -271,6 +272,35 @@ void set_long_header(CBaseMpegTable& table, uint8_t tableId) {
     table.reserved = 3;
 }
 
+// A service with a service descriptor; the names are raw SI text bytes.
+void add_service(CSDT& sdt, uint16_t id, uint8_t type, const std::string& provider, const std::string& name,
+                 uint8_t running) {
+    auto service = std::make_shared<CServiceDescriptionSection>();
+    service->service_id = id;
+    service->reserved_future_use = 0x3F;
+    service->EIT_present_following_flag = 1;
+    service->running_status = running;
+    auto d = std::make_shared<service_descriptor>();
+    d->service_type = type;
+    d->service_provider_name_length = static_cast<uint8_t>(provider.size());
+    std::memcpy(d->service_provider_name, provider.data(), provider.size());
+    d->service_name_length = static_cast<uint8_t>(name.size());
+    std::memcpy(d->service_name, name.data(), name.size());
+    d->descriptor_length = static_cast<uint8_t>(3 + provider.size() + name.size());
+    service->descriptors.descriptor.push_back(d);
+    sdt.sds[id] = service;
+}
+
+// Writes a stream to a new temporary file; its path.
+std::string write_temporary(const std::vector<uint8_t>& stream) {
+    char path[] = "/tmp/ts-tables-XXXXXX";
+    const int fd = mkstemp(path);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+    close(fd);
+    return path;
+}
+
 class TsTablesOnRenderedSections : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -310,8 +340,8 @@ protected:
         sdt.current_next_indicator = 1;
         sdt.original_network_id = 0x2222;
         sdt.reserved_future_use1 = 0xFF;
-        add_service(1, 0x19, "Prov", "Chan One", 4);
-        add_service(2, 0x02, "Prov", "Radio", 1);
+        add_service(sdt, 1, 0x19, "Prov", "Chan One", 4);
+        add_service(sdt, 2, 0x02, "Prov", "Radio", 1);
         sdt.RenderTable();
 
         set_long_header(nit, 0x40);
@@ -391,12 +421,7 @@ protected:
         // A repeated PAT of the same version is not printed again.
         packetize(stream, 0x0000, vq_test::renderedBytes(pat), cc[0]);
 
-        char path[] = "/tmp/ts-tables-rendered-XXXXXX";
-        const int fd = mkstemp(path);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
-        close(fd);
-        m_path = path;
+        m_path = write_temporary(stream);
         tables = tables_of(m_path);
     }
     void TearDown() override {
@@ -426,23 +451,6 @@ protected:
             stream->descriptors.descriptor.push_back(iso);
         }
         pmt.stream_map[pid] = stream;
-    }
-    void add_service(uint16_t id, uint8_t type, const std::string& provider, const std::string& name,
-                     uint8_t running) {
-        auto service = std::make_shared<CServiceDescriptionSection>();
-        service->service_id = id;
-        service->reserved_future_use = 0x3F;
-        service->EIT_present_following_flag = 1;
-        service->running_status = running;
-        auto d = std::make_shared<service_descriptor>();
-        d->service_type = type;
-        d->service_provider_name_length = static_cast<uint8_t>(provider.size());
-        std::memcpy(d->service_provider_name, provider.data(), provider.size());
-        d->service_name_length = static_cast<uint8_t>(name.size());
-        std::memcpy(d->service_name, name.data(), name.size());
-        d->descriptor_length = static_cast<uint8_t>(3 + provider.size() + name.size());
-        service->descriptors.descriptor.push_back(d);
-        sdt.sds[id] = service;
     }
 
     const json_value& only(const std::string& name) {
@@ -600,4 +608,91 @@ TEST_F(TsTablesOnRenderedSections, TimeTablesAndCatEqualTheRenderedOnes) {
     EXPECT_EQ(c["descriptors"].items.at(0)["CA_PID"].u64(), 0x1FF1u);
 }
 
+// ---- texts in every character table; standard output kept for the tables ----
+
+class TsTablesOnTexts : public ::testing::Test {
+protected:
+    // Service names as sent (character table selector first) and as printed.
+    const std::vector<std::pair<std::string, std::string>> kNames = {
+        {"Caf\xC2" "e", "Caf\xC3\xA9"},                                        // ISO 6937: Café
+        {"\x01\xB0\xB1", "\xD0\x90\xD0\x91"},                                  // ISO 8859-5: АБ
+        {std::string("\x10\x00\x07\xC1", 4), "\xCE\x91"},                      // ISO 8859-7: Α
+        {std::string("\x11\x04\x10\xE0\x8A\x00" "A", 7), "\xD0\x90\nA"},       // UCS-2
+        {"\x13\xD6\xD0\xCE\xC4", "\xE4\xB8\xAD\xE6\x96\x87"},                  // GB 2312: 中文
+        {"\x14\xA4\xA4\xA4\xE5", "\xE4\xB8\xAD\xE6\x96\x87"},                  // Big5: 中文
+        {"\x15\xE2\x82\xAC 1", "\xE2\x82\xAC 1"},                              // UTF-8: € 1
+        {"\x86" "Bold\x87\x8A" "next", "Bold\nnext"},                          // control codes
+    };
+
+    void SetUp() override {
+        CSDT sdt(nullptr, 4096);
+        set_long_header(sdt, 0x42);
+        sdt.current_next_indicator = 1;
+        for (size_t i = 0; i < kNames.size(); ++i)
+            add_service(sdt, static_cast<uint16_t>(i + 1), 1, "", kNames[i].first, 4);
+        sdt.RenderTable();
+
+        // An EIT packet that continues a section never started makes the
+        // library print its one message, on standard output.
+        std::vector<uint8_t> stream(188, 0xFF);
+        stream[0] = 0x47;
+        stream[1] = 0x00;
+        stream[2] = 0x12;
+        stream[3] = 0x10;
+        uint8_t cc = 0;
+        packetize(stream, 0x0011, vq_test::renderedBytes(sdt), cc);
+
+        m_path = write_temporary(stream);
+        m_errors = m_path + ".stderr";
+    }
+    void TearDown() override {
+        std::remove(m_path.c_str());
+        std::remove(m_errors.c_str());
+    }
+
+    vq_test::tool_result run(const std::string& options) {
+        return vq_test::run_tool(std::string(TS_TABLES_PATH) + " " + options + " " + vq_test::shell_quote(m_path) +
+                                 " 2>" + vq_test::shell_quote(m_errors));
+    }
+    std::string errors() const {
+        std::ifstream in(m_errors);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    std::string m_path;
+    std::string m_errors;
+};
+
+TEST_F(TsTablesOnTexts, EveryStandardOutputLineIsJsonAndTheLibraryMessageGoesToStandardError) {
+    const auto result = run("--json");
+    ASSERT_EQ(result.status, 0);
+    const auto lines = result.lines();
+    ASSERT_EQ(lines.size(), 1u) << result.output;
+    for (const auto& line : lines) {
+        json_value table;
+        EXPECT_TRUE(json_reader::parse(line, table)) << line;
+    }
+    EXPECT_NE(errors().find("mpegcore: eit pkt skip\n"), std::string::npos) << errors();
+}
+
+TEST_F(TsTablesOnTexts, TextOutputKeepsTheLibraryMessageOutToo) {
+    const auto result = run("");
+    ASSERT_EQ(result.status, 0);
+    EXPECT_EQ(result.output.find("eit pkt skip"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("service_name: Caf\xC3\xA9"), std::string::npos) << result.output;
+    EXPECT_NE(errors().find("mpegcore: eit pkt skip\n"), std::string::npos) << errors();
+}
+
+TEST_F(TsTablesOnTexts, ServiceNamesInEveryCharacterTableArePrintedAsUtf8) {
+    const auto result = run("--json");
+    ASSERT_EQ(result.status, 0);
+    json_value sdt;
+    ASSERT_TRUE(json_reader::parse(result.lines().at(0), sdt)) << result.output;
+    const auto& services = sdt["services"].items;
+    ASSERT_EQ(services.size(), kNames.size());
+    for (size_t i = 0; i < kNames.size(); ++i)
+        EXPECT_EQ(services[i]["descriptors"].items.at(0)["service_name"].text, kNames[i].second) << "service " << i + 1;
+}
+
 }  // namespace
+

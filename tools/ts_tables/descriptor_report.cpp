@@ -3,19 +3,12 @@
 #include <algorithm>
 #include <typeinfo>
 
+#include "mpegcore/DvbText.h"
 #include "si_names.h"
 
 using namespace mpegcore;
 
 namespace {
-
-std::string raw_text(const unsigned char* data, size_t size) {
-    return si_names::dvb_text(data, size);
-}
-
-std::string raw_text(const std::vector<uint8_t>& bytes) {
-    return si_names::dvb_text(bytes.data(), bytes.size());
-}
 
 void describe_mpeg(const base_descriptor& d, report_node& n) {
     if (auto* v = dynamic_cast<const video_stream_descriptor*>(&d)) {
@@ -65,7 +58,7 @@ void describe_mpeg(const base_descriptor& d, report_node& n) {
 
 void describe_dvb_networks(const base_descriptor& d, report_node& n) {
     if (auto* nn = dynamic_cast<const network_name_descriptor*>(&d)) {
-        n.add("network_name", raw_text(nn->char_, nn->descriptor_length));
+        n.add("network_name", DvbText::to_utf8(nn->char_, nn->descriptor_length));
     } else if (auto* sl = dynamic_cast<const service_list_descriptor*>(&d)) {
         report_node& items = n.add("services", report_node::array());
         for (const auto& s : sl->services) {
@@ -74,7 +67,7 @@ void describe_dvb_networks(const base_descriptor& d, report_node& n) {
             e.add("service_type", s.service_type, 2, si_names::service_type(s.service_type));
         }
     } else if (auto* bn = dynamic_cast<const bouquet_name_descriptor*>(&d)) {
-        n.add("bouquet_name", raw_text(bn->character));
+        n.add("bouquet_name", DvbText::to_utf8(bn->character));
     } else if (auto* lc = dynamic_cast<const logical_channel_descriptor*>(&d)) {
         report_node& items = n.add("channels", report_node::array());
         for (const auto& s : lc->m_listService) {
@@ -117,12 +110,12 @@ void describe_dvb_networks(const base_descriptor& d, report_node& n) {
 void describe_dvb_services(const base_descriptor& d, report_node& n) {
     if (auto* s = dynamic_cast<const service_descriptor*>(&d)) {
         n.add("service_type", s->service_type, 2, si_names::service_type(s->service_type));
-        n.add("service_provider_name", raw_text(s->service_provider_name, s->service_provider_name_length));
-        n.add("service_name", raw_text(s->service_name, s->service_name_length));
+        n.add("service_provider_name", DvbText::to_utf8(s->service_provider_name, s->service_provider_name_length));
+        n.add("service_name", DvbText::to_utf8(s->service_name, s->service_name_length));
     } else if (auto* se = dynamic_cast<const short_event_descriptor*>(&d)) {
         n.add("ISO_639_language_code", si_names::language_code(se->ISO_639_language_code));
-        n.add("event_name", raw_text(se->event_name_char, se->event_name_length));
-        n.add("text", raw_text(se->text_char, se->text_length));
+        n.add("event_name", DvbText::to_utf8(se->event_name_char, se->event_name_length));
+        n.add("text", DvbText::to_utf8(se->text_char, se->text_length));
     } else if (auto* ee = dynamic_cast<const extended_event_descriptor*>(&d)) {
         n.add("descriptor_number", ee->descriptor_number);
         n.add("last_descriptor_number", ee->last_descriptor_number);
@@ -130,10 +123,10 @@ void describe_dvb_services(const base_descriptor& d, report_node& n) {
         report_node& items = n.add("items", report_node::array());
         for (const auto& item : ee->items) {
             report_node& e = items.push(report_node());
-            e.add("item_description", raw_text(item.item_description_char));
-            e.add("item", raw_text(item.item_char));
+            e.add("item_description", DvbText::to_utf8(item.item_description_char));
+            e.add("item", DvbText::to_utf8(item.item_char));
         }
-        n.add("text", raw_text(ee->text_char));
+        n.add("text", DvbText::to_utf8(ee->text_char));
     } else if (auto* si = dynamic_cast<const stream_identifier_descriptor*>(&d)) {
         n.add("component_tag", si->component_tag);
     } else if (auto* pr = dynamic_cast<const parental_rating_descriptor*>(&d)) {

@@ -258,31 +258,6 @@ const code_name kTableIds[] = {
     {0x73, "TOT"},
 };
 
-void append_utf8(std::string& out, unsigned codePoint) {
-    if (codePoint < 0x80) {
-        out += static_cast<char>(codePoint);
-    } else if (codePoint < 0x800) {
-        out += static_cast<char>(0xC0 | (codePoint >> 6));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
-    } else {
-        out += static_cast<char>(0xE0 | (codePoint >> 12));
-        out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (codePoint & 0x3F));
-    }
-}
-
-// Length of the valid UTF-8 sequence starting at data[0], 0 when invalid.
-size_t utf8_sequence(const unsigned char* data, size_t size) {
-    const unsigned char lead = data[0];
-    const size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
-    if (length == 0 || length > size)
-        return 0;
-    for (size_t i = 1; i < length; ++i)
-        if ((data[i] & 0xC0) != 0x80)
-            return 0;
-    return length;
-}
-
 }  // namespace
 
 std::string stream_type(uint8_t type, bool hdmv) {
@@ -317,39 +292,6 @@ std::string table_id(uint8_t id) {
     if (id >= 0x60 && id <= 0x6F)
         return "EIT other schedule";
     return find_name(kTableIds, id, "");
-}
-
-std::string dvb_text(const unsigned char* data, size_t size) {
-    size_t start = 0;
-    bool utf8 = false;
-    if (size > 0 && data[0] < 0x20) {
-        utf8 = data[0] == 0x15;
-        start = data[0] == 0x10 ? 3 : data[0] == 0x1F ? 2 : 1;
-    }
-    std::string out;
-    for (size_t i = start; i < size;) {
-        const unsigned char c = data[i];
-        if (c == 0x8A) {
-            out += '\n';
-            ++i;
-        } else if (c < 0x20 || c == 0x7F || (c >= 0x80 && c < 0xA0)) {
-            out += ' ';
-            ++i;
-        } else if (utf8 && c >= 0x80) {
-            const size_t length = utf8_sequence(data + i, size - i);
-            if (length == 0) {
-                append_utf8(out, 0xFFFD);
-                ++i;
-            } else {
-                out.append(reinterpret_cast<const char*>(data + i), length);
-                i += length;
-            }
-        } else {
-            append_utf8(out, c);
-            ++i;
-        }
-    }
-    return out;
 }
 
 std::string language_code(const char code[3]) {

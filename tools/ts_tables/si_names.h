@@ -1,6 +1,6 @@
 #pragma once
 // Names the standards give to the coded values of PSI/SI tables (ISO/IEC
-// 13818-1, ETSI EN 300 468), and SI texts and times made readable.
+// 13818-1, ETSI EN 300 468), and SI times made readable (texts: mpegcore::DvbText).
 
 #include <cstddef>
 #include <cstdint>
@@ -16,10 +16,6 @@ std::string running_status(uint8_t status);
 std::string service_type(uint8_t type);
 std::string table_id(uint8_t id);
 
-// A DVB SI text (EN 300 468 Annex A) as UTF-8: the character table selector
-// is skipped, tables of the ISO/IEC 8859 family are read as Latin-1, the
-// UTF-8 table is kept, control codes become spaces (0x8A a line break).
-std::string dvb_text(const unsigned char* data, size_t size);
 // A three-letter language or country code; unprintable bytes become '?'.
 std::string language_code(const char code[3]);
 // The 40-bit SI time (16-bit MJD, BCD hhmmss) as "yyyy-MM-dd hh:mm:ss UTC";

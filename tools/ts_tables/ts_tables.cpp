@@ -7,12 +7,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
+#include <ostream>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "data_output.h"
 #include "mpegcore/BaseMpegParser.h"
 #include "report_node.h"
 #include "table_report.h"
@@ -142,7 +143,8 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    table_printer printer(json, std::cout);
+    data_output data;  // library messages go to standard error, not among the tables
+    table_printer printer(json, data.stream());
     std::vector<unsigned char> buffer(188 * 1024);
     for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), input.get())) > 0;)
         printer.Process(buffer.data(), got);
@@ -150,7 +152,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "ts-tables: cannot read %s: %s\n", path.c_str(), std::strerror(errno));
         return 1;
     }
-    std::cout.flush();
+    data.stream().flush();
     if (!json)
         std::fprintf(stderr, "ts-tables: %lu tables\n", printer.tables_printed());
     return 0;

@@ -11,12 +11,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstdio>
-#include <iostream>
+#include <ostream>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "data_output.h"
 #include "report_node.h"
 #include "vq_asi_capture/vq_base_statistics.h"
 #include "vq_polling_alarm_manager.h"
@@ -74,8 +75,9 @@ private:
 
 class monitor {
 public:
-    explicit monitor(const monitor_options& options)
+    monitor(const monitor_options& options, data_output& data)
         : m_options(options),
+          m_data(data),
           m_alarms(std::chrono::milliseconds(250), [this](const std::string& line) { m_log.add(line); }),
           m_pipeline(element_ptr(nullptr)),
           m_source(element_ptr(nullptr)) {}
@@ -283,7 +285,7 @@ private:
         report_node& lines = snapshot.add("alarm_log", report_node::array());
         for (const auto& line : log)
             lines.push(report_node::text(line));
-        std::cout << snapshot.to_json() << std::endl;
+        m_data.stream() << snapshot.to_json() << std::endl;
     }
 
     void print_text(const std::vector<std::pair<std::string, std::string>>& items, const report_node& alarms,
@@ -291,7 +293,7 @@ private:
         m_recentLog.insert(m_recentLog.end(), log.begin(), log.end());
         if (m_recentLog.size() > kRecentLogLines)
             m_recentLog.erase(m_recentLog.begin(), m_recentLog.end() - kRecentLogLines);
-        std::ostream& out = std::cout;
+        std::ostream& out = m_data.stream();
         if (m_bTerminal)
             out << "\033[H\033[J";  // redraw the screen in place
         else
@@ -319,6 +321,7 @@ private:
     static constexpr size_t kRecentLogLines = 10;
 
     const monitor_options& m_options;
+    data_output& m_data;
     alarm_log m_log;
     vq_polling_alarm_manager m_alarms;
     g_ptr<GstElement> m_pipeline;
@@ -328,15 +331,9 @@ private:
     std::chrono::steady_clock::time_point m_started = std::chrono::steady_clock::now();
     bool m_bStopping = false;
     int m_status = 0;
-    const bool m_bTerminal = isatty(STDOUT_FILENO) != 0;
+    const bool m_bTerminal = isatty(fileno(m_data.file())) != 0;
     std::vector<std::string> m_recentLog;
 };
-
-// The element's own messages (g_print) go to standard error, so standard
-// output carries only the monitor's screens or JSON lines.
-void print_to_stderr(const gchar* text) {
-    std::fputs(text, stderr);
-}
 
 }  // namespace
 
@@ -389,11 +386,13 @@ int main(int argc, char** argv) {
         options.device = g_strdup("/dev/video0");
     if (!options.sourceName)
         options.sourceName = g_strdup("vqasi-monitor");
-    g_set_print_handler(print_to_stderr);
 
     int status = 1;
     {
-        monitor m(options);
+        // The element's and the library's messages (g_print, puts) go to
+        // standard error; standard output carries only screens or JSON lines.
+        data_output data;
+        monitor m(options, data);
         if (m.build() && m.start())
             status = m.run();
     }
