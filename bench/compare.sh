@@ -105,10 +105,12 @@ bench_row() {
 
 run_benchmarks() {
     VQ_BENCH_MB=$bench_mb "$build/bench/bench_parser" --benchmark_format=csv --benchmark_min_time="$min_time" \
-        --benchmark_filter='BM_SyncAndParser/65536|BM_ParserMultiplex|BM_T2MI' 2>/dev/null > "$work/bench.csv"
+        --benchmark_filter='BM_SyncAndParser/65536|BM_ParserMultiplex|BM_T2MI|BM_Analyzer' 2>/dev/null > "$work/bench.csv"
     bench_row lib_sync_parser BM_SyncAndParser < "$work/bench.csv" >> "$results"
     bench_row lib_parser_mux BM_ParserMultiplex < "$work/bench.csv" >> "$results"
     bench_row lib_t2mi BM_T2MI < "$work/bench.csv" >> "$results"
+    bench_row lib_analyzer BM_AnalyzerRaw < "$work/bench.csv" >> "$results"
+    bench_row lib_analyzer_mux BM_AnalyzerMultiplex < "$work/bench.csv" >> "$results"
     "$build/bench/bench_memcpy" --benchmark_format=csv --benchmark_min_time="$min_time" 2>/dev/null |
         bench_row memcpy BM_Memcpy >> "$results"
 }
@@ -148,6 +150,8 @@ rows = [
     ("library: synchroniser + parser", "lib_sync_parser", "memcpy"),
     ("library: parser, 16-program multiplex", "lib_parser_mux", "memcpy"),
     ("library: T2-MI decapsulation", "lib_t2mi", "memcpy"),
+    ("library: stream analysis (raw bytes)", "lib_analyzer", "lib_sync_parser"),
+    ("library: stream analysis, 16-program mux", "lib_analyzer_mux", "lib_parser_mux"),
     ("fakesrc sizemax=1316 ! fakesink", "fakesrc_1316", None),
     ("TS: filesrc blocksize=1316 ! fakesink", "ts_filesrc_1316", None),
     ("TS: filesrc ! tsparse ! fakesink", "ts_tsparse", "ts_filesrc_1316"),
