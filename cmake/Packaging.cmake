@@ -11,7 +11,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "GStreamer DVB-ASI capture element (vqasic
 set(CPACK_PACKAGE_DESCRIPTION
     "The vqasicapture source element captures DVB-ASI transport streams (plain TS or T2-MI)\n"
     "from a V4L2 capture board, with capture statistics and alarms. Includes vqasi-monitor,\n"
-    "ts-tables, t2mi-extract, the board simulator, the mpegcore library and headers.")
+    "ts-tables, ts-analyze, t2mi-extract, the board simulator, the mpegcore library and headers.")
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "vq_graph maintainers <vq-graph@localhost>")

@@ -21,7 +21,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 pc=$(find "$prefix" -name vqasicapture.pc -path '*/pkgconfig/*' | head -n1)
 [ -n "$pc" ] || { echo "check-install: vqasicapture.pc not installed" >&2; exit 1; }
 libdir=$(dirname "$(dirname "${pc#"$prefix/"}")")
-for f in bin/vqasi-monitor bin/ts-tables bin/t2mi-extract bin/vqasi-sim "$libdir/libvqasisim.so" \
+for f in bin/vqasi-monitor bin/ts-tables bin/ts-analyze bin/t2mi-extract bin/vqasi-sim "$libdir/libvqasisim.so" \
          "$libdir/libmpegcore.a" "$libdir/libvqasicapture_core.a" "$libdir/gstreamer-1.0/libgstvqasicapture.so" \
          "$libdir/pkgconfig/mpegcore.pc"; do
   [ -e "$prefix/$f" ] || { echo "check-install: $f not installed" >&2; exit 1; }
