@@ -85,6 +85,12 @@ void addCaPids(const VQDescriptorList& list, std::vector<uint16_t>& pids) {
                 pids.push_back(ca->CA_PID);
 }
 
+// The CRC_32 field at the end of a section (tells a changed section).
+uint32_t storedCrc(const unsigned char* section, size_t size) {
+    return uint32_t(section[size - 4]) << 24 | uint32_t(section[size - 3]) << 16 | uint32_t(section[size - 2]) << 8 |
+           section[size - 1];
+}
+
 // PES stream ids without the optional header (and so without PTS/DTS).
 bool hasPesHeader(uint8_t streamId) {
     switch (streamId) {
@@ -469,6 +475,17 @@ void CTsAnalyzer::onSection(uint16_t pid, const unsigned char* section, size_t s
             return;
         }
     }
+    // The PAT, CAT and PMT have the long form; a short one is not read.
+    const bool psi = pid <= 1 || (m_referenced[pid] & kPmtPid);
+    if (psi && !longForm) {
+        if (pid == 0 && tableId != 0) {
+            report(tr101290_check::PAT_error, 0, m_tNow, "table_id not 0 on the PAT PID");
+            report(tr101290_check::PAT_error_2, 0, m_tNow, "table_id not 0 on the PAT PID");
+        } else if (pid == 1 && tableId != 1) {
+            report(tr101290_check::CAT_error, 1, m_tNow, "table_id not 1 on the CAT PID");
+        }
+        return;
+    }
     const uint16_t ext = longForm ? static_cast<uint16_t>((section[3] << 8) | section[4]) : 0;
     const uint8_t sectionNumber = longForm ? section[6] : 0;
 
@@ -597,8 +614,7 @@ void CTsAnalyzer::checkSI(uint16_t pid, uint8_t tableId, uint16_t ext, uint8_t s
 
 void CTsAnalyzer::onPAT(const unsigned char* section, size_t size) {
     const uint8_t sectionNumber = section[6];
-    const uint32_t crc = uint32_t(section[size - 4]) << 24 | uint32_t(section[size - 3]) << 16 |
-                         uint32_t(section[size - 2]) << 8 | section[size - 1];
+    const uint32_t crc = storedCrc(section, size);
     if (m_bHasPat && m_patSections.count(sectionNumber) && crc == m_patCrcs[sectionNumber])
         return;
     CPAT pat(nullptr, 1024);
@@ -635,8 +651,7 @@ void CTsAnalyzer::onPMT(uint16_t pid, const unsigned char* section, size_t size)
         return;
     program_info& program = found->second;
     seen(program.sections, kPsiLimit, tr101290_check::PMT_error_2, pid, "no PMT for 500 ms");
-    const uint32_t crc = uint32_t(section[size - 4]) << 24 | uint32_t(section[size - 3]) << 16 |
-                         uint32_t(section[size - 2]) << 8 | section[size - 1];
+    const uint32_t crc = storedCrc(section, size);
     if (program.has_pmt && crc == program.crc)
         return;
     CPMT pmt(nullptr, 1024);
@@ -656,8 +671,7 @@ void CTsAnalyzer::onPMT(uint16_t pid, const unsigned char* section, size_t size)
 }
 
 void CTsAnalyzer::onCAT(const unsigned char* section, size_t size) {
-    const uint32_t crc = uint32_t(section[size - 4]) << 24 | uint32_t(section[size - 3]) << 16 |
-                         uint32_t(section[size - 2]) << 8 | section[size - 1];
+    const uint32_t crc = storedCrc(section, size);
     if (m_bHasCat && crc == m_nCatCrc)
         return;
     CCAT cat(nullptr, 1024);
