@@ -226,14 +226,49 @@ void CTsAnalyzer::push_packet(uint64_t time, const uint8_t* packet, size_t size)
 void CTsAnalyzer::push_raw(uint64_t tStart, uint64_t tStop, const uint8_t* data, size_t size) {
     if (!data || size == 0)
         return;
-    const size_t carried = m_raw.size();
-    m_raw.insert(m_raw.end(), data, data + size);
-    const size_t n = m_raw.size();
-    const uint8_t* run = m_raw.data();
-    // A packet is timed by its last byte.
+    m_tRunStart = tStart;
+    m_tRunStop = tStop;
+    m_nRunSize = size;
+    size_t offset = 0;  // bytes of data already taken
+    if (!m_raw.empty()) {
+        // A held partial packet is completed with the first bytes of data;
+        // anything else held (a search in progress) is joined with all of it.
+        const size_t need = m_bRawAligned && m_raw.size() < m_nPacketSize ? m_nPacketSize - m_raw.size() : size;
+        if (size < need) {
+            m_raw.insert(m_raw.end(), data, data + size);
+            return;
+        }
+        const size_t carried = m_raw.size();
+        m_raw.insert(m_raw.end(), data, data + need);
+        const size_t used = scanRun(m_raw.data(), m_raw.size(), -static_cast<ptrdiff_t>(carried));
+        m_nRawPos += used;
+        m_raw.erase(m_raw.begin(), m_raw.begin() + static_cast<ptrdiff_t>(used));
+        offset = need;
+        if (!m_raw.empty() && offset < size) {
+            // Still searching: join the rest too.
+            const size_t held = m_raw.size();
+            m_raw.insert(m_raw.end(), data + offset, data + size);
+            const size_t more = scanRun(m_raw.data(), m_raw.size(), static_cast<ptrdiff_t>(offset) -
+                                                                        static_cast<ptrdiff_t>(held));
+            m_nRawPos += more;
+            m_raw.erase(m_raw.begin(), m_raw.begin() + static_cast<ptrdiff_t>(more));
+            return;
+        }
+    }
+    // The rest is read in place; only what is left over is kept.
+    const size_t used = scanRun(data + offset, size - offset, static_cast<ptrdiff_t>(offset));
+    m_nRawPos += used;
+    m_raw.insert(m_raw.end(), data + offset + used, data + size);
+}
+
+size_t CTsAnalyzer::scanRun(const uint8_t* run, size_t n, ptrdiff_t chunkOffset) {
+    // A packet is timed by its last byte, placed in the current chunk's span.
+    // (double, not long double: the x87 conversion cost more than the rest of the packet)
+    const double nsPerByte = static_cast<double>(m_tRunStop - m_tRunStart) / static_cast<double>(m_nRunSize);
     auto timeOfEnd = [&](size_t end) {
-        const size_t inChunk = end > carried ? end - carried : 0;
-        return tStart + static_cast<uint64_t>(static_cast<long double>(tStop - tStart) * inChunk / size);
+        const ptrdiff_t inChunk = chunkOffset + static_cast<ptrdiff_t>(end);
+        const double part = inChunk > 0 ? static_cast<double>(inChunk) : 0.0;
+        return m_tRunStart + static_cast<uint64_t>(nsPerByte * part + 0.5);
     };
     auto alignedAt = [&](size_t at, size_t packetSize) {
         for (unsigned k = 0; k < kGoodToRegain; ++k)
@@ -291,9 +326,7 @@ void CTsAnalyzer::push_raw(uint64_t tStart, uint64_t tStop, const uint8_t* data,
         }
         pos += m_nPacketSize;
     }
-    pos = std::min(pos, n);
-    m_raw.erase(m_raw.begin(), m_raw.begin() + static_cast<std::ptrdiff_t>(pos));
-    m_nRawPos += pos;
+    return std::min(pos, n);
 }
 
 void CTsAnalyzer::analyse(uint64_t time, uint64_t pos, const uint8_t* packet) {
@@ -495,7 +528,7 @@ void CTsAnalyzer::onSection(uint16_t pid, const unsigned char* section, size_t s
         table.first_section = sectionNumber;
     if (sectionNumber == table.first_section) {
         if (table.repeated) {
-            const int64_t gap = static_cast<int64_t>((m_tNow - table.last_time) / kMs);
+            const int64_t gap = static_cast<int64_t>((m_tNow - table.last_time + kMs / 2) / kMs);  // nearest ms
             table.min_ms = table.min_ms < 0 ? gap : std::min(table.min_ms, gap);
             table.max_ms = std::max(table.max_ms, gap);
         }

@@ -219,6 +219,10 @@ private:
 
     void report(tr101290_check check, uint16_t pid, uint64_t time, const char* detail);
     void analyse(uint64_t time, uint64_t pos, const uint8_t* packet);
+    // Analyses the packets of run (m_nRawPos is the stream offset of its
+    // first byte, chunkOffset its offset from the current chunk's start);
+    // returns the bytes it is done with.
+    size_t scanRun(const uint8_t* run, size_t n, ptrdiff_t chunkOffset);
     void syncGood();
     bool syncBad(uint64_t time);  // false when sync is lost
     void restartReferences();
@@ -258,6 +262,8 @@ private:
     size_t m_nPacketSize = 188;
     std::vector<uint8_t> m_raw;          // raw bytes carried to the next call
     uint64_t m_nRawPos = 0;              // stream offset of m_raw's first byte
+    uint64_t m_tRunStart = 0, m_tRunStop = 0;  // the current chunk's time span
+    size_t m_nRunSize = 0;                     // and size
     bool m_bRawAligned = false;
     std::vector<std::vector<uint8_t>> m_regain;  // packet mode: good packets while regaining
     std::vector<uint64_t> m_regainTimes;
