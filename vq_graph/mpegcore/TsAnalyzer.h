@@ -44,7 +44,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "mpegcore/BaseMpegParser.h"
