@@ -1,7 +1,8 @@
 // Throughput of the synchroniser, the transport packet parser and the T2-MI
 // decapsulator over ~100 MB in memory (VQ_BENCH_MB overrides the size), built
 // by repeating real captures, and of the parser on a generated multiplex of
-// many programs (the captures carry one program each).
+// many programs (the captures carry one program each); and of the stream
+// analysis on both.
 
 #include <benchmark/benchmark.h>
 
@@ -15,6 +16,7 @@
 
 #include "mpegcore/BaseMpegParser.h"
 #include "mpegcore/T2MIToTS.h"
+#include "mpegcore/TsAnalyzer.h"
 #include "mpegcore/vq_mpegts_sync.h"
 
 namespace {
@@ -190,6 +192,34 @@ void BM_SyncAndParser(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }
 BENCHMARK(BM_SyncAndParser)->Arg(188 * 348)->Arg(65536)->Unit(benchmark::kMillisecond);
+
+// The stream analysis over raw bytes in runs of 64 KiB, timed by byte
+// position at 40 Mbit/s; the analyzer runs on across iterations, so times
+// keep growing.
+void analyseWhole(benchmark::State& state, std::vector<uint8_t>& data) {
+    mpegcore::CTsAnalyzer analyzer;
+    const size_t run = 65536;
+    uint64_t position = 0;
+    for (auto _ : state) {
+        for (size_t pos = 0; pos < data.size(); pos += run) {
+            const size_t n = std::min(run, data.size() - pos);
+            analyzer.push_raw(position * 200, (position + n) * 200, data.data() + pos, n);
+            position += n;
+        }
+    }
+    benchmark::DoNotOptimize(analyzer.count(mpegcore::tr101290_check::Continuity_count_error));
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
+}
+
+void BM_AnalyzerRaw(benchmark::State& state) {
+    analyseWhole(state, plainStream());
+}
+BENCHMARK(BM_AnalyzerRaw)->Unit(benchmark::kMillisecond);
+
+void BM_AnalyzerMultiplex(benchmark::State& state) {
+    analyseWhole(state, multiplexStream());
+}
+BENCHMARK(BM_AnalyzerMultiplex)->Unit(benchmark::kMillisecond);
 
 class CountingDecapsulator : public mpegcore::CT2MIToTS {
 public:

@@ -132,10 +132,12 @@ bench_row() {
 
 run_benchmarks() {
     VQ_BENCH_MB=$bench_mb "$build/bench/bench_parser" --benchmark_format=csv --benchmark_min_time="$min_time" \
-        --benchmark_filter='BM_SyncAndParser/65536|BM_ParserMultiplex|BM_T2MI' 2>/dev/null > "$work/bench.csv"
+        --benchmark_filter='BM_SyncAndParser/65536|BM_ParserMultiplex|BM_T2MI|BM_Analyzer' 2>/dev/null > "$work/bench.csv"
     bench_row lib_sync_parser BM_SyncAndParser < "$work/bench.csv" >> "$results"
     bench_row lib_parser_mux BM_ParserMultiplex < "$work/bench.csv" >> "$results"
     bench_row lib_t2mi BM_T2MI < "$work/bench.csv" >> "$results"
+    bench_row lib_analyzer BM_AnalyzerRaw < "$work/bench.csv" >> "$results"
+    bench_row lib_analyzer_mux BM_AnalyzerMultiplex < "$work/bench.csv" >> "$results"
     "$build/bench/bench_memcpy" --benchmark_format=csv --benchmark_min_time="$min_time" 2>/dev/null |
         bench_row memcpy BM_Memcpy >> "$results"
 }

@@ -57,6 +57,8 @@ rows = [
     ("library: synchroniser + parser", "lib_sync_parser"),
     ("library: parser, 16-program multiplex", "lib_parser_mux"),
     ("library: T2-MI decapsulation", "lib_t2mi"),
+    ("library: stream analysis (raw bytes)", "lib_analyzer"),
+    ("library: stream analysis, 16-program mux", "lib_analyzer_mux"),
     ("fakesrc sizemax=1316 ! fakesink", "fakesrc_1316"),
 ]
 for stream, label in (("ts", "TS"), ("t2mi", "T2-MI")):
@@ -81,6 +83,10 @@ for label, key in rows:
 
 print()
 print("ratios of medians (by CPU, by wall)")
+for key, base in (("lib_analyzer", "lib_sync_parser"), ("lib_analyzer_mux", "lib_parser_mux")):
+    r = compare(key, base, "")
+    if r:
+        print("  %-20s / %s %.2f, %.2f" % (key, base, r[0], r[1]))
 for tag in ("", "base_"):
     for stream in ("ts", "t2mi"):
         for filling in ("prefilled", "copy"):

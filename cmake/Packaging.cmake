@@ -12,8 +12,8 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "GStreamer DVB-ASI capture element (vqasic
 string(CONCAT CPACK_PACKAGE_DESCRIPTION
     "The vqasicapture source element captures DVB-ASI transport streams (plain\n"
     "TS or T2-MI) from a V4L2 capture board, with capture statistics and alarms.\n"
-    "Includes vqasi-monitor, ts-tables, t2mi-extract, the board simulator, the\n"
-    "mpegcore library and headers.")
+    "Includes vqasi-monitor, ts-tables, ts-analyze, t2mi-extract, the board\n"
+    "simulator, the mpegcore library and headers.")
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "vq_graph maintainers <maintainers@users.noreply.c-seed-5fce56d9.example>")

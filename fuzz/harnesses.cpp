@@ -24,6 +24,7 @@
 #include "mpegcore/TDT.h"
 #include "mpegcore/TOT.h"
 #include "mpegcore/TSDT.h"
+#include "mpegcore/TsAnalyzer.h"
 #include "mpegcore/vq_mpegts_sync.h"
 #include "mpegcore/vqdescriptorlist.h"
 #include "support/t2mi_encapsulator.h"
@@ -718,12 +719,67 @@ std::string fuzzText(const uint8_t* data, size_t size) {
     return findings.first();
 }
 
+// ---------------------------------------------------------------------------
+// Stream analyzer
+
+std::string fuzzAnalyzer(const uint8_t* data, size_t size) {
+    if (size < 1)
+        return {};
+    const uint8_t control = data[0];
+    const bool packetMode = control & 1;
+    const size_t run = kParserChunks[(control >> 1) & 7];
+    mpegcore::CTsAnalyzer::options opts;
+    if (control & 0x10)
+        opts.transport_rate = 3760000;
+    const uint8_t* stream = data + 1;
+    const size_t streamSize = size - 1;
+
+    Findings findings;
+    mpegcore::CTsAnalyzer analyzer(opts);
+    size_t pushed = 0;
+    if (packetMode) {
+        for (size_t pos = 0; pos + kPacketSize <= streamSize; pos += kPacketSize) {
+            ExactCopy copy(stream + pos, kPacketSize);
+            analyzer.push_packet(pos * 400, copy.data());
+            ++pushed;
+        }
+    } else {
+        for (size_t pos = 0; pos < streamSize;) {
+            const size_t n = run ? std::min(run, streamSize - pos) : streamSize;
+            ExactCopy copy(stream + pos, n);
+            analyzer.push_raw(pos * 400, (pos + n) * 400, copy.data(), n);
+            pos += n;
+        }
+        pushed = streamSize / kPacketSize;
+    }
+    analyzer.finish();
+    const auto ts = analyzer.stream_figures();
+    findings.check(ts.packets <= pushed, "more packets analysed than were given");
+    uint64_t sum = 0;
+    for (const auto& pid : analyzer.pid_figures()) {
+        sum += pid.packets;
+        findings.check(pid.pid < 8192, "PID out of range");
+        findings.check(pid.cc_errors <= pid.packets && pid.duplicates <= pid.packets && pid.pcr <= pid.packets &&
+                           pid.pts <= pid.packets && pid.dts <= pid.pts,
+                       "per-PID figures exceed the packets");
+    }
+    findings.check(sum == ts.packets, "per-PID packets do not add up to the stream's");
+    using C = mpegcore::tr101290_check;
+    findings.check(analyzer.count(C::PCR_error) ==
+                       analyzer.count(C::PCR_repetition_error) + analyzer.count(C::PCR_discontinuity_indicator_error),
+                   "PCR_error is not the sum of its two checks");
+    findings.check(analyzer.count(C::Sync_byte_error) >= analyzer.count(C::TS_sync_loss) * 2,
+                   "a sync loss without two bad sync bytes");
+    return findings.first();
+}
+
 const std::vector<Target>& targets() {
     static const std::vector<Target> all = {
         {"sync", fuzzSync},   {"parser", fuzzParser}, {"t2mi", fuzzT2MI}, {"descriptors", fuzzDescriptors},
         {"pat", fuzzPAT},     {"pmt", fuzzPMT},       {"cat", fuzzCAT},   {"tsdt", fuzzTSDT},
         {"tdt", fuzzTDT},     {"tot", fuzzTOT},       {"nit", fuzzNIT},   {"sdt", fuzzSDT},
         {"bat", fuzzBAT},     {"eit", fuzzEIT},       {"roundtrip", fuzzRoundTrip}, {"text", fuzzText},
+        {"analyzer", fuzzAnalyzer},
     };
     return all;
 }

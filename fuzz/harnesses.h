@@ -45,6 +45,12 @@ std::string fuzzParser(const uint8_t* data, size_t size);
 // (packed back to back when flags bit 0 is set).
 std::string fuzzT2MI(const uint8_t* data, size_t size);
 
+// CTsAnalyzer: [control] [stream bytes]. Control bit 0 feeds aligned
+// packets (push_packet, 188 bytes each) instead of raw bytes (push_raw),
+// bits 1-3 pick the raw run size as for the parser, bit 4 gives the
+// transport rate instead of measuring it from the PCRs.
+std::string fuzzAnalyzer(const uint8_t* data, size_t size);
+
 // VQDescriptorList::read: [tag space (bit 0)] [descriptor loop].
 std::string fuzzDescriptors(const uint8_t* data, size_t size);
 

@@ -146,6 +146,9 @@ void addCapture(Corpus& corpus, const fs::path& file) {
     corpus.add("parser", stem + "-whole", concat({{0x00}, picked}));
     corpus.add("parser", stem + "-tail-100", concat({{0x01 | 3 << 1}, picked}));
     corpus.add("parser", stem + "-tail-189-clear", concat({{0x01 | 6 << 1 | 0x10}, picked}));
+    corpus.add("analyzer", stem + "-raw", concat({{0x00}, picked}));
+    corpus.add("analyzer", stem + "-raw-100", concat({{3 << 1}, picked}));
+    corpus.add("analyzer", stem + "-packets-rate", concat({{0x01 | 0x10}, picked}));
 
     // Synchroniser: 60 packets with 10 garbage bytes in front, cut into
     // uneven frames; and 30 packets stretched to 204 bytes.
@@ -211,6 +214,7 @@ void addBuiltSections(Corpus& corpus) {
         stream.insert(stream.end(), packet.begin(), packet.end());
     corpus.add("parser", "built-tables", concat({{0x00}, stream}));
     corpus.add("parser", "built-tables-tail-7", concat({{0x01 | 2 << 1}, stream}));
+    corpus.add("analyzer", "built-tables-packets", concat({{0x01}, stream}));
 
     size_t n = 0;
     for (const Bytes& loop : {concat({caDescriptor, registration, unknown}), concat({shortEvent, localTimeOffset}),

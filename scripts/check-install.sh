@@ -21,7 +21,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 pc=$(find "$prefix" -name vqasicapture.pc -path '*/pkgconfig/*' | head -n1)
 [ -n "$pc" ] || { echo "check-install: vqasicapture.pc not installed" >&2; exit 1; }
 libdir=$(dirname "$(dirname "${pc#"$prefix/"}")")
-for f in bin/vqasi-monitor bin/ts-tables bin/t2mi-extract bin/vqasi-sim "$libdir/vqasi-sim/libvqasisim.so" \
+for f in bin/vqasi-monitor bin/ts-tables bin/ts-analyze bin/t2mi-extract bin/vqasi-sim "$libdir/vqasi-sim/libvqasisim.so" \
          "$libdir/libmpegcore.a" "$libdir/libvqasicapture_core.a" "$libdir/gstreamer-1.0/libgstvqasicapture.so" \
          "$libdir/pkgconfig/mpegcore.pc" share/man/man1/vqasi-monitor.1 share/man/man1/ts-tables.1 \
          share/man/man1/t2mi-extract.1 share/man/man1/vqasi-sim.1; do

@@ -22,12 +22,12 @@ export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 
-read -r -a TARGETS <<<"${FUZZ_TARGETS:-sync parser t2mi descriptors pat pmt cat tsdt tdt tot nit sdt bat eit roundtrip text}"
+read -r -a TARGETS <<<"${FUZZ_TARGETS:-sync parser t2mi descriptors pat pmt cat tsdt tdt tot nit sdt bat eit roundtrip text analyzer}"
 read -r -a EXTRA_ARGS <<<"${FUZZ_ARGS:-}"
 
 max_len() {
   case $1 in
-    sync|parser) echo 12000 ;;
+    sync|parser|analyzer) echo 12000 ;;
     t2mi) echo 40000 ;;
     descriptors) echo 1024 ;;
     text) echo 256 ;;  # a text field: 8-bit length
@@ -36,7 +36,7 @@ max_len() {
 }
 
 uses_dict() {
-  case $1 in sync|parser|t2mi) return 0 ;; *) return 1 ;; esac
+  case $1 in sync|parser|t2mi|analyzer) return 0 ;; *) return 1 ;; esac
 }
 
 # Every parser input builds 8192 PID states; entropic scheduling over their

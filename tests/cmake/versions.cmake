@@ -1,6 +1,6 @@
 # Each installed program answers --version with "<program> <version>" alone,
 # the line help2man puts into its manual page.
-foreach(program ts-tables t2mi-extract vqasi-monitor)
+foreach(program ts-tables ts-analyze t2mi-extract vqasi-monitor)
   if(TARGET ${program})
     add_test(NAME version_${program} COMMAND ${program} --version)
     string(REPLACE "." "\\." version_pattern "${PROJECT_VERSION}")

@@ -10,11 +10,13 @@
 #include <ostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "data_output.h"
 #include "mpegcore/BaseMpegParser.h"
+#include "mpegcore/SectionAssembler.h"
 #include "report_node.h"
 #include "table_report.h"
 
@@ -32,51 +34,90 @@ const char kUsage[] =
 
 using namespace mpegcore;
 
-// The parser delivers a table again with every packet of its PID while the
-// section stays complete; each table is printed when its version is new.
+// The parser finds the packets; every section, wherever it starts in a
+// packet, comes from the section assembler, and each table is printed when
+// its version is new.
 class table_printer : public CBaseMpegParser {
 public:
-    table_printer(bool json, std::ostream& out) : CBaseMpegParser(true), m_bJson(json), m_out(out) {}
+    table_printer(bool json, std::ostream& out)
+        : CBaseMpegParser(true),
+          m_sections([this](uint16_t pid, const unsigned char* section, size_t size) { onSection(pid, section, size); }),
+          m_bJson(json),
+          m_out(out) {}
 
     unsigned long tables_printed() const { return m_nPrinted; }
 
-    void OnPAT(CPAT* pat) override {
-        print(key("PAT", pat->transport_stream_id, pat->section_number), pat->version_number,
-              [&] { return describe_pat(*pat); });
+    int OnProcess(unsigned int, transport_packet& packet) override {
+        const uint16_t pid = packet.PID;
+        if (pid <= 2 || (pid >= 0x10 && pid <= 0x14) || m_pmtPids.count(pid))
+            m_sections.push_packet(packet);
+        return 0;
     }
-    void OnPMT(CBaseMpegProgram* program, CPMT* pmt) override {
-        const uint16_t pid = program->map_PID.program_map_PID;
-        print(key("PMT", pid, pmt->program_number, pmt->section_number), pmt->version_number,
-              [&] { return describe_pmt(pid, *pmt); });
-    }
-    void OnCAT(CCAT* cat) override {
-        print(key("CAT", cat->section_number), cat->version_number, [&] { return describe_cat(*cat); });
-    }
-    void OnTSDT(CTSDT* tsdt) override {
-        print(key("TSDT", tsdt->section_number), tsdt->version_number, [&] { return describe_tsdt(*tsdt); });
-    }
-    void OnNIT(CNIT* nit) override {
-        print(key("NIT", nit->table_id, nit->network_id, nit->section_number), nit->version_number,
-              [&] { return describe_nit(*nit); });
-    }
-    void OnSDT(CSDT* sdt) override {
-        print(key("SDT", sdt->table_id, sdt->transport_stream_id, sdt->original_network_id, sdt->section_number),
-              sdt->version_number, [&] { return describe_sdt(*sdt); });
-    }
-    void OnBAT(CBAT* bat) override {
-        print(key("BAT", bat->bouquet_id, bat->section_number), bat->version_number,
-              [&] { return describe_bat(*bat); });
-    }
-    void OnEIT(CEIT* eit) override {
-        print(key("EIT", eit->table_id, eit->service_id, eit->transport_stream_id, eit->original_network_id,
-                  eit->section_number),
-              eit->version_number, [&] { return describe_eit(*eit); });
-    }
-    // The time tables have no version: a new time is a new table.
-    void OnTDT(CTDT* tdt) override { print("TDT", tdt->UTC_time, [&] { return describe_tdt(*tdt); }); }
-    void OnTOT(CTOT* tot) override { print("TOT", tot->UTC_time, [&] { return describe_tot(*tot); }); }
 
 private:
+    // Reads the section into a fresh table of type T and prints it.
+    template <class T, class Print>
+    void readAndPrint(const unsigned char* section, size_t size, unsigned long bufferSize, Print printTable) {
+        T table(nullptr, bufferSize);
+        VQSDK::VQBSReaderT<unsigned char*> reader(const_cast<unsigned char*>(section), static_cast<unsigned long>(size));
+        if (table.read(reader))
+            printTable(table);
+    }
+
+    void onSection(uint16_t pid, const unsigned char* section, size_t size) {
+        const uint8_t tableId = section[0];
+        if (pid == 0 && tableId == 0x00) {
+            readAndPrint<CPAT>(section, size, 1024, [&](CPAT& pat) {
+                for (const auto& entry : pat.program_map)
+                    if (entry.second.program_number != 0)
+                        m_pmtPids.insert(entry.first);
+                print(key("PAT", pat.transport_stream_id, pat.section_number), pat.version_number,
+                      [&] { return describe_pat(pat); });
+            });
+        } else if (pid == 1 && tableId == 0x01) {
+            readAndPrint<CCAT>(section, size, 1024, [&](CCAT& cat) {
+                print(key("CAT", cat.section_number), cat.version_number, [&] { return describe_cat(cat); });
+            });
+        } else if (pid == 2 && tableId == 0x03) {
+            readAndPrint<CTSDT>(section, size, 1024, [&](CTSDT& tsdt) {
+                print(key("TSDT", tsdt.section_number), tsdt.version_number, [&] { return describe_tsdt(tsdt); });
+            });
+        } else if (pid == 0x10 && (tableId == 0x40 || tableId == 0x41)) {
+            readAndPrint<CNIT>(section, size, 1024, [&](CNIT& nit) {
+                print(key("NIT", nit.table_id, nit.network_id, nit.section_number), nit.version_number,
+                      [&] { return describe_nit(nit); });
+            });
+        } else if (pid == 0x11 && (tableId == 0x42 || tableId == 0x46)) {
+            readAndPrint<CSDT>(section, size, 1024, [&](CSDT& sdt) {
+                print(key("SDT", sdt.table_id, sdt.transport_stream_id, sdt.original_network_id, sdt.section_number),
+                      sdt.version_number, [&] { return describe_sdt(sdt); });
+            });
+        } else if (pid == 0x11 && tableId == 0x4A) {
+            readAndPrint<CBAT>(section, size, 4096, [&](CBAT& bat) {
+                print(key("BAT", bat.bouquet_id, bat.section_number), bat.version_number,
+                      [&] { return describe_bat(bat); });
+            });
+        } else if (pid == 0x12 && tableId >= 0x4E && tableId <= 0x6F) {
+            readAndPrint<CEIT>(section, size, 4096, [&](CEIT& eit) {
+                print(key("EIT", eit.table_id, eit.service_id, eit.transport_stream_id, eit.original_network_id,
+                          eit.section_number),
+                      eit.version_number, [&] { return describe_eit(eit); });
+            });
+        } else if (pid == 0x14 && tableId == 0x70) {
+            // The time tables have no version: a new time is a new table.
+            readAndPrint<CTDT>(section, size, 1024,
+                               [&](CTDT& tdt) { print("TDT", tdt.UTC_time, [&] { return describe_tdt(tdt); }); });
+        } else if (pid == 0x14 && tableId == 0x73) {
+            readAndPrint<CTOT>(section, size, 1024,
+                               [&](CTOT& tot) { print("TOT", tot.UTC_time, [&] { return describe_tot(tot); }); });
+        } else if (tableId == 0x02 && m_pmtPids.count(pid)) {
+            readAndPrint<CPMT>(section, size, 1024, [&](CPMT& pmt) {
+                print(key("PMT", pid, pmt.program_number, pmt.section_number), pmt.version_number,
+                      [&] { return describe_pmt(pid, pmt); });
+            });
+        }
+    }
+
     template <class... Fields>
     static std::string key(const char* name, Fields... fields) {
         std::string out = name;
@@ -101,6 +142,8 @@ private:
         }
     }
 
+    CSectionAssembler m_sections;
+    std::set<uint16_t> m_pmtPids;
     bool m_bJson;
     std::ostream& m_out;
     std::map<std::string, uint64_t> m_versions;
