@@ -36,7 +36,8 @@ endif()
 set(VQ_ELEMENT_TSAN_CLEAN test_element_alarms test_element_static)
 
 set(VQ_ELEMENT_SUITES test_element_plugin test_element_capture test_element_alarms test_element_provider
-                      test_element_pause test_element_eos test_element_static)
+                      test_element_pause test_element_eos test_element_static test_element_interop
+                      test_element_live test_element_messages)
 foreach(suite ${VQ_ELEMENT_SUITES})
   if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
     continue()

@@ -8,19 +8,27 @@ vq_alarm_event::vq_alarm_event(std::chrono::seconds duration, VQAlarmCode code, 
       m_duration(duration) {}
 
 bool vq_alarm_event::check() {
-    std::lock_guard<std::mutex> lock(m_csData);
-    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
-        std::chrono::steady_clock::now() - m_time_point.load());
-    if (elapsed > m_duration) {
-        m_bAlarm = true;
-        if (!m_data.active) {
-            m_data.reg_time = current_reg_time();
-            ++m_data.count;
+    vq_alarm_data changed;
+    bool transition = false;
+    {
+        std::lock_guard<std::mutex> lock(m_csData);
+        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
+            std::chrono::steady_clock::now() - m_time_point.load());
+        if (elapsed > m_duration) {
+            m_bAlarm = true;
+            if (!m_data.active) {
+                m_data.reg_time = current_reg_time();
+                ++m_data.count;
+            }
+            transition = set_active(true);
+        } else {
+            transition = set_active(false);
         }
-        m_data.active = true;
-    } else {
-        m_data.active = false;
+        if (transition)
+            changed = m_data;
     }
+    if (transition)
+        notify_transition(changed);
     return m_bAlarm;
 }
 
@@ -37,7 +45,13 @@ void vq_alarm_event::event(long) {
     m_time_point = std::chrono::steady_clock::now();
     // Only check() sets active, and it raises m_bAlarm first under the same lock.
     if (m_bAlarm) {
-        std::lock_guard<std::mutex> lock(m_csData);
-        m_data.active = false;
+        vq_alarm_data changed;
+        {
+            std::lock_guard<std::mutex> lock(m_csData);
+            if (!set_active(false))
+                return;
+            changed = m_data;
+        }
+        notify_transition(changed);
     }
 }
