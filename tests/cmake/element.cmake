@@ -33,7 +33,7 @@ endif()
 # Multi-threaded suites that pass under ThreadSanitizer carry the label "tsan". The
 # capture and pause suites hand buffers through GStreamer's queues, whose futex-based
 # GLib locks TSan cannot see: it reports GStreamer freeing what the capture thread wrote.
-set(VQ_ELEMENT_TSAN_CLEAN test_element_alarms test_element_static)
+set(VQ_ELEMENT_TSAN_CLEAN test_element_alarms test_element_static test_element_messages)
 
 set(VQ_ELEMENT_SUITES test_element_plugin test_element_capture test_element_alarms test_element_provider
                       test_element_pause test_element_eos test_element_static test_element_interop
@@ -48,7 +48,7 @@ foreach(suite ${VQ_ELEMENT_SUITES})
   target_include_directories(${suite} PRIVATE ${VQ_SIM_INCLUDE_DIR})
   add_dependencies(${suite} gstvqasicapture vqasisim)
   vq_set_warnings(${suite})
-  if(suite STREQUAL "test_element_alarms")
+  if(suite STREQUAL "test_element_alarms" OR suite STREQUAL "test_element_messages")
     target_link_libraries(${suite} PRIVATE vq_polling_alarm_manager)
   endif()
   add_test(NAME ${suite} COMMAND ${suite} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
