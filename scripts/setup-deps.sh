@@ -11,6 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libdvbpsi-dev
   v4l-utils
+  python3-gi python3-gst-1.0
 )
 
 missing=()

@@ -65,3 +65,15 @@ foreach(suite ${VQ_ELEMENT_SUITES})
     add_dependencies(tsan_suites ${suite})
   endif()
 endforeach()
+
+# The Python example (PyGObject) on the simulated board. Python's own allocations are
+# not ours to check for leaks.
+add_test(NAME python_monitor_example
+         COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/element/check_python_monitor.sh
+                 ${PROJECT_SOURCE_DIR}/examples/python/monitor.py)
+set(VQ_PYTHON_ASAN_OPTIONS "")
+if(VQ_SANITIZE)
+  set(VQ_PYTHON_ASAN_OPTIONS "ASAN_OPTIONS=verify_asan_link_order=0:halt_on_error=1:detect_leaks=0")
+endif()
+set_tests_properties(python_monitor_example PROPERTIES TIMEOUT 60 ENVIRONMENT
+  "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/python-registry.bin;LD_PRELOAD=${VQ_ELEMENT_PRELOAD};VQASISIM_DEVICE=/dev/video0;VQASISIM_INPUT=${CMAKE_CURRENT_SOURCE_DIR}/data/live-025.ts;VQASISIM_BITRATE=1504000;VQASISIM_SIGNAL=nolink:2.5,ok;VQASISIM_CC_ERRORS=100;${VQ_PYTHON_ASAN_OPTIONS}")
