@@ -25,11 +25,8 @@ using vq_element_test::items_of;
 using vq_element_test::pipeline;
 using vq_element_test::run_gst_launch;
 using vq_element_test::sim_settings;
+using vq_element_test::count_handoff;
 using vq_element_test::wait_until;
-
-void count_handoff(GstElement*, GstBuffer*, GstPad*, gpointer counter) {
-    ++*static_cast<std::atomic<size_t>*>(counter);
-}
 
 // Plays `description` (its sink named "sink") for two seconds on the paced board and
 // returns the buffers the sink received; no error or warning may reach the bus and

@@ -23,14 +23,11 @@ using vq_element_test::bus_problems;
 using vq_element_test::pipeline;
 using vq_element_test::run_gst_launch;
 using vq_element_test::sim_settings;
+using vq_element_test::count_handoff;
 using vq_element_test::wait_until;
 
 // live-025's own rate, so the paced board plays it in real time.
 const char kLive025Rate[] = "4963330";
-
-void count_handoff(GstElement*, GstBuffer*, GstPad*, gpointer counter) {
-    ++*static_cast<std::atomic<size_t>*>(counter);
-}
 
 GstPadProbeReturn count_buffer(GstPad*, GstPadProbeInfo*, gpointer counter) {
     ++*static_cast<std::atomic<size_t>*>(counter);

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -108,6 +109,11 @@ bool wait_until(Cond cond, std::chrono::milliseconds limit = std::chrono::second
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
+}
+
+// fakesink's "handoff" handler counting into a std::atomic<size_t>.
+inline void count_handoff(GstElement*, GstBuffer*, GstPad*, gpointer counter) {
+    ++*static_cast<std::atomic<size_t>*>(counter);
 }
 
 // A file name of this process in the build tree (the temporary folder without one).

@@ -114,31 +114,31 @@ void vq_asi_capture::get_statistics(GValue* value) {
 void vq_asi_capture::get_stats(GValue* value) const {
     const vq_video_statistics& asi = m_statistics.asi();
     GstStructure* stats = gst_structure_new(
-        "application/x-vqasi-stats",                                                       //
-        "system-time", G_TYPE_UINT64, static_cast<guint64>(m_statistics.m_nSystemTime.load()),  //
-        "signal-state", G_TYPE_STRING, asi.get_state_string().c_str(),                     //
-        "no-data-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoData.load()),       //
-        "no-link-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLink.load()),       //
-        "no-lock-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLock.load()),       //
-        "range-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalRange.load()),          //
-        "unknown-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalUnknown.load()),      //
-        "bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_bit_rate()),               //
-        "raw-bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_bit_rate()),       //
-        "bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_data_counter()),             //
-        "raw-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_data_count()),       //
-        "bad-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_bad_bytes()),            //
-        "frames", G_TYPE_UINT64, static_cast<guint64>(asi.nPushIndexFrame.load()),        //
-        "dropped-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nDroppedFrame.load()),  //
-        "fake-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nFakeFrames.load()),       //
-        "map-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.min()),      //
-        "map-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.avr()),      //
-        "map-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.max()),      //
-        "push-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.min()),    //
-        "push-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.avr()),    //
-        "push-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.max()),    //
-        "frame-interval-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.min()),  //
-        "frame-interval-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.avr()),  //
-        "frame-interval-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.max()),  //
+        "application/x-vqasi-stats",
+        "system-time", G_TYPE_UINT64, static_cast<guint64>(m_statistics.m_nSystemTime.load()),
+        "signal-state", G_TYPE_STRING, asi.get_state_string().c_str(),
+        "no-data-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoData.load()),
+        "no-link-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLink.load()),
+        "no-lock-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLock.load()),
+        "range-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalRange.load()),
+        "unknown-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalUnknown.load()),
+        "bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_bit_rate()),
+        "raw-bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_bit_rate()),
+        "bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_data_counter()),
+        "raw-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_data_count()),
+        "bad-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_bad_bytes()),
+        "frames", G_TYPE_UINT64, static_cast<guint64>(asi.nPushIndexFrame.load()),
+        "dropped-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nDroppedFrame.load()),
+        "fake-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nFakeFrames.load()),
+        "map-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.min()),
+        "map-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.avr()),
+        "map-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.max()),
+        "push-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.min()),
+        "push-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.avr()),
+        "push-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.max()),
+        "frame-interval-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.min()),
+        "frame-interval-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.avr()),
+        "frame-interval-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.max()),
         "last-error", G_TYPE_STRING, asi.get_errors().c_str(), nullptr);
     g_value_take_boxed(value, stats);
 }
@@ -216,7 +216,7 @@ void vq_asi_capture::post_open_error() {
 
 void vq_asi_capture::check_flow(GstFlowReturn flow) {
     // As a live GstBaseSrc: not-linked (we were linked at start) and errors below EOS are fatal.
-    if (flow != GST_FLOW_NOT_LINKED && flow > GST_FLOW_EOS)
+    if (flow != GST_FLOW_NOT_LINKED && flow >= GST_FLOW_EOS)
         return;
     if (m_bFlowError.exchange(true))
         return;
@@ -244,14 +244,14 @@ void vq_asi_capture::post_alarm_message(const vq_alarm_data& data) {
     const gint pid = is_input_alarm(data.code) ? -1 : static_cast<gint>(data.stream_pid);
     GST_DEBUG_OBJECT(element, "alarm %d %s: %s (pid %d, count %u)", data.code, data.active ? "active" : "cleared",
                      data.description.c_str(), pid, data.count);
-    GstStructure* s = gst_structure_new("vqasi-alarm",                                     //
-                                        "code", G_TYPE_INT, static_cast<gint>(data.code),    //
-                                        "level", G_TYPE_INT, static_cast<gint>(data.level),  //
-                                        "description", G_TYPE_STRING, data.description.c_str(),  //
-                                        "source", G_TYPE_STRING, source.c_str(),             //
-                                        "pid", G_TYPE_INT, pid,                              //
-                                        "active", G_TYPE_BOOLEAN, data.active ? TRUE : FALSE,  //
-                                        "count", G_TYPE_UINT, static_cast<guint>(data.count),  //
+    GstStructure* s = gst_structure_new("vqasi-alarm",
+                                        "code", G_TYPE_INT, static_cast<gint>(data.code),
+                                        "level", G_TYPE_INT, static_cast<gint>(data.level),
+                                        "description", G_TYPE_STRING, data.description.c_str(),
+                                        "source", G_TYPE_STRING, source.c_str(),
+                                        "pid", G_TYPE_INT, pid,
+                                        "active", G_TYPE_BOOLEAN, data.active ? TRUE : FALSE,
+                                        "count", G_TYPE_UINT, static_cast<guint>(data.count),
                                         "reg-time", G_TYPE_STRING, data.reg_time.c_str(), nullptr);
     gst_element_post_message(element, gst_message_new_element(GST_OBJECT(element), s));
 }
