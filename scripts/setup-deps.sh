@@ -12,6 +12,7 @@ PACKAGES=(
   libdvbpsi-dev nlohmann-json3-dev
   v4l-utils
   debhelper lintian help2man man-db
+  python3-gi python3-gst-1.0
 )
 
 missing=()

@@ -381,29 +381,58 @@ struct harness {
     }
 };
 
+// Each refused push becomes the last error. A fatal flow (an error, not negotiated,
+// not linked) also posts one element error and stops the pushing until the next
+// play; flushing and end of stream do neither.
 TEST(ElementAbuse, DownstreamErrorsBecomeTheLastError) {
     vqasisim_testing::scoped_env env(board());
     harness t;
-    ASSERT_NE(gst_element_set_state(t.h->element, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    GstBus* bus = gst_bus_new();
+    gst_element_set_bus(t.h->element, bus);
     for (GstFlowReturn flow : {GST_FLOW_ERROR, GST_FLOW_FLUSHING, GST_FLOW_NOT_NEGOTIATED, GST_FLOW_EOS,
                                GST_FLOW_NOT_LINKED, GST_FLOW_CUSTOM_ERROR}) {
         SCOPED_TRACE(gst_flow_get_name(flow));
+        t.sink.flow = GST_FLOW_OK;
+        ASSERT_NE(gst_element_set_state(t.h->element, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+        const unsigned flowing = t.sink.chained;
+        EXPECT_TRUE(wait_until([&] { return t.sink.chained > flowing + 5; }));
         t.sink.flow = flow;
         const std::string expected = "Can't push buffer, err = " + std::to_string(int(flow));
         EXPECT_TRUE(wait_until([&] { return items_of(t.h->element)["Asi last error"] == expected; }));
-        // Capture goes on regardless.
+        const bool fatal = flow == GST_FLOW_NOT_LINKED || flow < GST_FLOW_EOS;
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
         const unsigned chained = t.sink.chained;
-        EXPECT_TRUE(wait_until([&] { return t.sink.chained > chained + 20; }));
+        if (fatal) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            EXPECT_EQ(t.sink.chained, chained) << "pushed after a fatal flow";
+        } else {
+            EXPECT_TRUE(wait_until([&] { return t.sink.chained > chained + 20; }));
+        }
+        size_t errors = 0;
+        while (GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR)) {
+            GError* error = nullptr;
+            gchar* debug = nullptr;
+            gst_message_parse_error(msg, &error, &debug);
+            EXPECT_EQ(error->domain, GST_STREAM_ERROR);
+            EXPECT_NE(std::string(debug).find(gst_flow_get_name(flow)), std::string::npos) << debug;
+            g_error_free(error);
+            g_free(debug);
+            gst_message_unref(msg);
+            ++errors;
+        }
+        EXPECT_EQ(errors, fatal ? 1u : 0u);
+        ASSERT_NE(gst_element_set_state(t.h->element, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
     }
     t.sink.flow = GST_FLOW_OK;
     // The last error stays until another one replaces it; a new play does not clear it.
-    ASSERT_NE(gst_element_set_state(t.h->element, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
     ASSERT_NE(gst_element_set_state(t.h->element, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
     const unsigned chained = t.sink.chained;
     EXPECT_TRUE(wait_until([&] { return t.sink.chained > chained + 20; }));
     EXPECT_EQ(items_of(t.h->element)["Asi last error"],
               "Can't push buffer, err = " + std::to_string(int(GST_FLOW_CUSTOM_ERROR)));
     gst_element_set_state(t.h->element, GST_STATE_NULL);
+    gst_element_set_bus(t.h->element, nullptr);
+    gst_object_unref(bus);
 }
 
 TEST(ElementAbuse, DownstreamThatBlocks) {

@@ -274,7 +274,7 @@ TEST(ElementCapture, NegotiationSendsStreamStartCapsSegmentEveryPlay) {
         GstCaps* caps = nullptr;
         gst_event_parse_caps(events[1], &caps);
         gchar* capsText = gst_caps_to_string(caps);
-        EXPECT_STREQ(capsText, "video/mpegts");
+        EXPECT_STREQ(capsText, "video/mpegts, systemstream=(boolean)true, packetsize=(int)188");
         g_free(capsText);
         const GstSegment* segment = nullptr;
         gst_event_parse_segment(events[2], &segment);

@@ -22,13 +22,10 @@ namespace {
 
 using vq_element_test::pipeline;
 using vq_element_test::sim_settings;
+using vq_element_test::count_handoff;
 using vq_element_test::wait_until;
 
 constexpr size_t kBufferBytes = 7 * 188;
-
-void count_handoff(GstElement*, GstBuffer*, GstPad*, gpointer counter) {
-    ++*static_cast<std::atomic<size_t>*>(counter);
-}
 
 // The next EOS or ERROR message of the pipeline's bus, or null after the timeout.
 GstMessage* pop_end(GstElement* bin, GstClockTime timeout) {

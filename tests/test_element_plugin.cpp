@@ -56,7 +56,7 @@ TEST(ElementPlugin, MetadataAndPadTemplate) {
     EXPECT_STREQ(templ->name_template, "src_asi");
     EXPECT_EQ(templ->direction, GST_PAD_SRC);
     EXPECT_EQ(templ->presence, GST_PAD_ALWAYS);
-    EXPECT_STREQ(templ->static_caps.string, "video/mpegts");
+    EXPECT_STREQ(templ->static_caps.string, "video/mpegts, systemstream=(boolean)true, packetsize=(int)188");
 
     GstPlugin* plugin = gst_plugin_feature_get_plugin(GST_PLUGIN_FEATURE(factory));
     ASSERT_NE(plugin, nullptr);
@@ -95,7 +95,7 @@ struct property_row {
     GParamFlags flags;
 };
 
-TEST(ElementPlugin, SixPropertiesInOrderWithFlags) {
+TEST(ElementPlugin, SixPropertiesInOrderWithFlagsThenStats) {
     element_ptr e = new_element();
     ASSERT_TRUE(e);
     const auto rw = static_cast<GParamFlags>(G_PARAM_READWRITE);
@@ -132,14 +132,21 @@ TEST(ElementPlugin, SixPropertiesInOrderWithFlags) {
     EXPECT_STREQ(G_PARAM_SPEC_STRING(g_object_class_find_property(klass, "v4l2"))->default_value, "");
     EXPECT_STREQ(G_PARAM_SPEC_STRING(g_object_class_find_property(klass, "alarm-source-name"))->default_value, "");
 
-    // Only the element's own six besides GstObject's "name" and "parent".
+    // The read-only structure of the statistics comes after the six.
+    GParamSpec* stats = g_object_class_find_property(klass, "stats");
+    ASSERT_NE(stats, nullptr);
+    EXPECT_EQ(stats->param_id, 7u);
+    EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(stats), GST_TYPE_STRUCTURE);
+    EXPECT_EQ(stats->flags & G_PARAM_READWRITE, G_PARAM_READABLE);
+
+    // Only the element's own seven besides GstObject's "name" and "parent".
     guint count = 0;
     GParamSpec** all = g_object_class_list_properties(klass, &count);
     guint own = 0;
     for (guint i = 0; i < count; ++i)
         own += all[i]->owner_type == G_OBJECT_TYPE(e.get());
     g_free(all);
-    EXPECT_EQ(own, 6u);
+    EXPECT_EQ(own, 7u);
 }
 
 TEST(ElementPlugin, PropertiesRoundTrip) {
@@ -227,7 +234,7 @@ TEST(ElementPlugin, CapsQueryIgnoresTheFilter) {
     GstCaps* caps = gst_pad_query_caps(pad, filter);
     ASSERT_NE(caps, nullptr);
     gchar* text = gst_caps_to_string(caps);
-    EXPECT_STREQ(text, "video/mpegts");
+    EXPECT_STREQ(text, "video/mpegts, systemstream=(boolean)true, packetsize=(int)188");
     g_free(text);
     gst_caps_unref(caps);
     gst_caps_unref(filter);
@@ -284,7 +291,8 @@ TEST(ElementPlugin, GstInspectShowsMetadataPadAndProperties) {
           "Description              Korvana QMXXX ASI Capture", "Version                  1.20.1",
           "License                  LGPL", "Source module            vqasicapture",
           "Binary package           QM100/QM200/QM300.. Gst asi capture", "Origin URL               Korvana",
-          "SRC template: 'src_asi'", "Availability: Always", "video/mpegts", "GstVqAsiCaptureType",
+          "SRC template: 'src_asi'", "Availability: Always", "video/mpegts", "systemstream: true",
+          "packetsize: 188", "GstVqAsiCaptureType", "stats               : The capture statistics",
           "v4l2                : Video for linux 2 asi device, example v4l2=/dev/video0",
           "input-type          : Input stream type 0 - TS, 1 - T2MI",
           "Integer. Range: 0 - 1 Default: 0", "plp                 : Index PLP",
@@ -294,6 +302,13 @@ TEST(ElementPlugin, GstInspectShowsMetadataPadAndProperties) {
           "flags: readable, writable\n", "String. Default: \"\""}) {
         EXPECT_NE(out.find(expected), std::string::npos) << "missing: " << expected << "\n" << out;
     }
+    // The documentation of "stats" names every field.
+    for (const char* field : {"system-time", "signal-state", "no-data-count", "no-link-count", "no-lock-count",
+                              "range-count", "unknown-count", "bitrate", "raw-bitrate", "bytes", "raw-bytes",
+                              "bad-bytes", "frames", "dropped-frames", "fake-frames", "map-delay-min",
+                              "map-delay-avg", "map-delay-max", "push-delay-min", "push-delay-avg", "push-delay-max",
+                              "frame-interval-min", "frame-interval-avg", "frame-interval-max", "last-error"})
+        EXPECT_NE(out.find(field), std::string::npos) << "stats field not documented: " << field;
 }
 
 }  // namespace

@@ -33,10 +33,12 @@ endif()
 # Multi-threaded suites that pass under ThreadSanitizer carry the label "tsan". The
 # capture and pause suites hand buffers through GStreamer's queues, whose futex-based
 # GLib locks TSan cannot see: it reports GStreamer freeing what the capture thread wrote.
-set(VQ_ELEMENT_TSAN_CLEAN test_element_alarms test_element_static)
+# The alarm-message suite hands messages through the bus, a GLib queue as well.
+set(VQ_ELEMENT_TSAN_CLEAN test_element_alarms test_element_static test_element_stats)
 
 set(VQ_ELEMENT_SUITES test_element_plugin test_element_capture test_element_alarms test_element_provider
-                      test_element_pause test_element_eos test_element_static test_element_analysis)
+                      test_element_pause test_element_eos test_element_static test_element_analysis
+                      test_element_interop test_element_live test_element_messages test_element_stats)
 foreach(suite ${VQ_ELEMENT_SUITES})
   if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
     continue()
@@ -47,7 +49,7 @@ foreach(suite ${VQ_ELEMENT_SUITES})
   target_include_directories(${suite} PRIVATE ${VQ_SIM_INCLUDE_DIR})
   add_dependencies(${suite} gstvqasicapture vqasisim)
   vq_set_warnings(${suite})
-  if(suite STREQUAL "test_element_alarms")
+  if(suite STREQUAL "test_element_alarms" OR suite STREQUAL "test_element_messages")
     target_link_libraries(${suite} PRIVATE vq_polling_alarm_manager)
   endif()
   add_test(NAME ${suite} COMMAND ${suite} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
@@ -64,3 +66,15 @@ foreach(suite ${VQ_ELEMENT_SUITES})
     add_dependencies(tsan_suites ${suite})
   endif()
 endforeach()
+
+# The Python example (PyGObject) on the simulated board. Python's own allocations are
+# not ours to check for leaks.
+add_test(NAME python_monitor_example
+         COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/element/check_python_monitor.sh
+                 ${PROJECT_SOURCE_DIR}/examples/python/monitor.py)
+set(VQ_PYTHON_ASAN_OPTIONS "")
+if(VQ_SANITIZE)
+  set(VQ_PYTHON_ASAN_OPTIONS "ASAN_OPTIONS=verify_asan_link_order=0:halt_on_error=1:detect_leaks=0")
+endif()
+set_tests_properties(python_monitor_example PROPERTIES TIMEOUT 60 ENVIRONMENT
+  "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/python-registry.bin;LD_PRELOAD=${VQ_ELEMENT_PRELOAD};VQASISIM_DEVICE=/dev/video0;VQASISIM_INPUT=${CMAKE_CURRENT_SOURCE_DIR}/data/live-025.ts;VQASISIM_BITRATE=1504000;VQASISIM_SIGNAL=nolink:2.5,ok;VQASISIM_CC_ERRORS=100;${VQ_PYTHON_ASAN_OPTIONS}")

@@ -4,12 +4,17 @@
 
 #include <gst/gst.h>
 
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <string>
@@ -106,6 +111,11 @@ bool wait_until(Cond cond, std::chrono::milliseconds limit = std::chrono::second
     return true;
 }
 
+// fakesink's "handoff" handler counting into a std::atomic<size_t>.
+inline void count_handoff(GstElement*, GstBuffer*, GstPad*, gpointer counter) {
+    ++*static_cast<std::atomic<size_t>*>(counter);
+}
+
 // A file name of this process in the build tree (the temporary folder without one).
 inline std::string scratch_file(const std::string& stem) {
     const char* dir = std::getenv("VQ_TEST_BINARY_DIR");
@@ -178,6 +188,91 @@ struct pipeline {
     pipeline(const pipeline&) = delete;
     pipeline& operator=(const pipeline&) = delete;
     GstElement* by_name(const char* name) const { return gst_bin_get_by_name(GST_BIN(bin), name); }
+};
+
+// A gst-launch-1.0 run: how it ended, how long it took and what it printed.
+struct launch_result {
+    bool ended = false;  // false: still running at the limit, then killed
+    int status = 0;      // waitpid status
+    std::chrono::milliseconds elapsed{0};
+    std::string output;  // standard output and error
+    bool exited_with(int code) const { return ended && WIFEXITED(status) && WEXITSTATUS(status) == code; }
+};
+
+// Runs gst-launch-1.0 with args (the simulator and the plug-in path come from this
+// process's environment); with interruptAfter, sends SIGINT after that time. Waits
+// up to limit.
+inline launch_result run_gst_launch(const std::vector<std::string>& args,
+                                    std::chrono::milliseconds interruptAfter = std::chrono::milliseconds(0),
+                                    std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const std::string log = scratch_file("gst-launch") + ".log";
+    std::vector<char*> argv;
+    static char program[] = "gst-launch-1.0";
+    argv.push_back(program);
+    for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    launch_result result;
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t child = fork();
+    if (child < 0)
+        return result;
+    if (child == 0) {
+        signal(SIGINT, SIG_DFL);
+        if (std::freopen(log.c_str(), "w", stdout) && dup2(fileno(stdout), STDERR_FILENO) >= 0)
+            execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    if (interruptAfter.count() > 0) {
+        if (!wait_until([&] { return waitpid(child, &result.status, WNOHANG) == child; }, interruptAfter))
+            kill(child, SIGINT);
+        else
+            result.ended = true;
+    }
+    if (!result.ended)
+        result.ended = wait_until([&] { return waitpid(child, &result.status, WNOHANG) == child; },
+                                  limit - std::min(limit, interruptAfter));
+    result.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    if (!result.ended) {
+        kill(child, SIGKILL);
+        waitpid(child, &result.status, 0);
+    }
+    std::ifstream printed(log);
+    result.output.assign(std::istreambuf_iterator<char>(printed), std::istreambuf_iterator<char>());
+    std::remove(log.c_str());
+    return result;
+}
+
+// Errors and warnings a pipeline's bus carried, as "domain code: text (debug)" lines.
+class bus_problems {
+public:
+    explicit bus_problems(GstElement* bin) : m_bus(gst_element_get_bus(bin)) {}
+    ~bus_problems() { gst_object_unref(m_bus); }
+    bus_problems(const bus_problems&) = delete;
+    bus_problems& operator=(const bus_problems&) = delete;
+
+    // Takes the error and warning messages queued so far.
+    std::vector<std::string> take() {
+        std::vector<std::string> lines;
+        while (GstMessage* msg = gst_bus_pop_filtered(
+                   m_bus, static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING))) {
+            GError* error = nullptr;
+            gchar* debug = nullptr;
+            if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR)
+                gst_message_parse_error(msg, &error, &debug);
+            else
+                gst_message_parse_warning(msg, &error, &debug);
+            lines.push_back(std::string(g_quark_to_string(error->domain)) + " " + std::to_string(error->code) + ": " +
+                            error->message + " (" + (debug ? debug : "") + ")");
+            g_error_free(error);
+            g_free(debug);
+            gst_message_unref(msg);
+        }
+        return lines;
+    }
+
+private:
+    GstBus* m_bus;
 };
 
 // The decapsulator's output for a run of carrier bytes, with the sync bytes put back.

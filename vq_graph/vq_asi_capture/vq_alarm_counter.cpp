@@ -11,11 +11,16 @@ vq_alarm_counter::vq_alarm_counter(std::chrono::seconds duration, VQAlarmCode co
 bool vq_alarm_counter::check() {
     if (!m_bAlarm)
         return false;
-    std::lock_guard<std::mutex> lock(m_csData);
-    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
-        std::chrono::steady_clock::now() - m_time_point.load());
-    if (elapsed > m_duration)
-        m_data.active = false;
+    vq_alarm_data changed;
+    {
+        std::lock_guard<std::mutex> lock(m_csData);
+        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
+            std::chrono::steady_clock::now() - m_time_point.load());
+        if (elapsed <= m_duration || !set_active(false))
+            return m_bAlarm;
+        changed = m_data;
+    }
+    notify_transition(changed);
     return m_bAlarm;
 }
 
@@ -29,10 +34,16 @@ void vq_alarm_counter::reset() {
 
 void vq_alarm_counter::event(long n) {
     m_time_point = std::chrono::steady_clock::now();
-    std::lock_guard<std::mutex> lock(m_csData);
-    m_bAlarm = true;
-    if (!m_data.active)
-        m_data.reg_time = current_reg_time();
-    m_data.count += static_cast<uint32_t>(n);
-    m_data.active = true;
+    vq_alarm_data changed;
+    {
+        std::lock_guard<std::mutex> lock(m_csData);
+        m_bAlarm = true;
+        if (!m_data.active)
+            m_data.reg_time = current_reg_time();
+        m_data.count += static_cast<uint32_t>(n);
+        if (!set_active(true))
+            return;
+        changed = m_data;
+    }
+    notify_transition(changed);
 }

@@ -8,20 +8,28 @@ vq_alarm_event::vq_alarm_event(std::chrono::seconds duration, VQAlarmCode code, 
       m_duration(duration) {}
 
 bool vq_alarm_event::check() {
-    std::lock_guard<std::mutex> lock(m_csData);
-    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
-        std::chrono::steady_clock::now() - m_time_point.load());
-    if (elapsed > m_duration) {
-        m_bAlarm = true;
-        if (!m_data.active) {
-            m_data.reg_time = current_reg_time();
-            ++m_data.count;
+    vq_alarm_data changed;
+    bool transition = false;
+    {
+        std::lock_guard<std::mutex> lock(m_csData);
+        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
+            std::chrono::steady_clock::now() - m_time_point.load());
+        if (elapsed > m_duration) {
+            m_bAlarm = true;
+            if (!m_data.active) {
+                m_data.reg_time = current_reg_time();
+                ++m_data.count;
+            }
+            transition = set_active(true);
+        } else {
+            transition = set_active(false);
         }
-        m_data.active = true;
-    } else {
-        m_data.active = false;
+        m_bActive = m_data.active;
+        if (transition)
+            changed = m_data;
     }
-    m_bActive = m_data.active;
+    if (transition)
+        notify_transition(changed);
     return m_bAlarm;
 }
 
@@ -40,8 +48,14 @@ void vq_alarm_event::event(long) {
     // Only check() sets active, under the lock, after reading the time stored above;
     // one that read an older time is corrected by the next event.
     if (m_bActive) {
-        std::lock_guard<std::mutex> lock(m_csData);
-        m_data.active = false;
-        m_bActive = false;
+        vq_alarm_data changed;
+        {
+            std::lock_guard<std::mutex> lock(m_csData);
+            m_bActive = false;
+            if (!set_active(false))
+                return;
+            changed = m_data;
+        }
+        notify_transition(changed);
     }
 }

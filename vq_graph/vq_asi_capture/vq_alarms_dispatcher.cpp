@@ -6,6 +6,7 @@ namespace {
 
 constexpr std::chrono::seconds kInputAlarmDuration{1};
 constexpr std::chrono::seconds kPidAlarmDuration{5};
+constexpr std::chrono::seconds kOwnPollInterval{1};
 
 // Called for every packet: no copy of the pointer (two atomic operations),
 // since only start() replaces the input alarms and it never runs alongside
@@ -16,6 +17,53 @@ void feed(const std::shared_ptr<vq_i_alarm_event>& alarm) {
 }
 
 }  // namespace
+
+vq_alarms_dispatcher::~vq_alarms_dispatcher() { stop_polling(); }
+
+void vq_alarms_dispatcher::set_transition_observer(vq_i_alarm_event::transition_observer observer) {
+    std::lock_guard<std::mutex> lock(m_cs);
+    m_pObserver = std::make_shared<const vq_i_alarm_event::transition_observer>(std::move(observer));
+}
+
+void vq_alarms_dispatcher::start_polling() {
+    stop_polling();
+    m_fPollExit = std::make_shared<std::promise<void>>();
+    m_pollThread = std::thread(
+        [this](std::future<void> exit) {
+            while (exit.wait_for(kOwnPollInterval) == std::future_status::timeout)
+                check_alarms_without_manager();
+        },
+        m_fPollExit->get_future());
+}
+
+void vq_alarms_dispatcher::stop_polling() {
+    if (!m_pollThread.joinable())
+        return;
+    m_fPollExit->set_value();
+    m_pollThread.join();
+    m_fPollExit.reset();
+}
+
+void vq_alarms_dispatcher::check_alarms_without_manager() {
+    if (m_alarm_helper.has_alarm_manager())
+        return;
+    // Checked outside the locks: a transition posts a message, whose handlers may
+    // come back to the element.
+    for (const auto& alarm : current_alarms())
+        alarm->check();
+}
+
+std::vector<std::shared_ptr<vq_i_alarm_event>> vq_alarms_dispatcher::current_alarms() const {
+    std::lock_guard<std::mutex> lock(m_cs);
+    std::vector<std::shared_ptr<vq_i_alarm_event>> alarms;
+    for (const auto& alarm : {m_aSyncLost, m_aNoRawInput, m_aNoInput})
+        if (alarm)
+            alarms.push_back(alarm);
+    for (const pid_alarm_map* map : {&m_mapAlarmCC, &m_mapAlarmPIDScrambled, &m_mapAlarmTEIError})
+        for (const auto& entry : *map)
+            alarms.push_back(entry.second);
+    return alarms;
+}
 
 void vq_alarms_dispatcher::set_source_name(const std::string& name) {
     std::lock_guard<std::mutex> lock(m_cs);
@@ -93,6 +141,7 @@ void vq_alarms_dispatcher::pid_event(pid_alarm_map& alarms, uint16_t pid, VQAlar
         auto alarm = std::make_shared<vq_alarm_counter>(kPidAlarmDuration, code, vq_error_alarm,
                                                         m_strSourceName,
                                                         text + std::to_string(pid), 0, pid);
+        alarm->set_transition_observer(m_pObserver);
         m_alarm_helper.reg_alarm(alarm);
         found = alarms.emplace(pid, std::move(alarm)).first;
     }
@@ -116,14 +165,18 @@ void vq_alarms_dispatcher::add_alarm(std::chrono::seconds duration, VQAlarmCode 
                                      VQAlarmLevel level, const std::string& source,
                                      const std::string& description,
                                      std::shared_ptr<vq_i_alarm_event>& out) {
-    if (!reuse_alarm(source, out))
+    if (!reuse_alarm(source, out)) {
         out = m_alarm_helper.add_alarm(duration, code, level, source, description, 0, 0);
+        out->set_transition_observer(m_pObserver);
+    }
 }
 
 void vq_alarms_dispatcher::add_alarm_counter(std::chrono::seconds duration, VQAlarmCode code,
                                              VQAlarmLevel level, const std::string& source,
                                              const std::string& description,
                                              std::shared_ptr<vq_i_alarm_event>& out) {
-    if (!reuse_alarm(source, out))
+    if (!reuse_alarm(source, out)) {
         out = m_alarm_helper.add_alarm_counter(duration, code, level, source, description, 0, 0);
+        out->set_transition_observer(m_pObserver);
+    }
 }

@@ -4,10 +4,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "vq_asi_capture/vq_base_alarms_helper.h"
 #include "vq_asi_capture/vq_i_alarm_event.h"
@@ -16,6 +19,7 @@
 class vq_alarms_dispatcher {
 public:
     vq_alarms_dispatcher() = default;
+    ~vq_alarms_dispatcher();
     vq_alarms_dispatcher(const vq_alarms_dispatcher&) = delete;
     vq_alarms_dispatcher& operator=(const vq_alarms_dispatcher&) = delete;
 
@@ -32,6 +36,16 @@ public:
     // Withdraws every alarm from the manager, resets the input alarms and drops
     // the per-PID ones.
     void stop();
+
+    // Every alarm made from now on, and the input alarms already made, tell this
+    // observer their transitions; set once, before the first start().
+    void set_transition_observer(vq_i_alarm_event::transition_observer observer);
+    // While no manager is set, a thread of ours checks every alarm once a second, so
+    // that the alarms still rise and clear; with a manager its polling does that.
+    void start_polling();
+    void stop_polling();
+    // One such round: checks every alarm unless a manager is set.
+    void check_alarms_without_manager();
 
     // Watchdog feeds from the capture thread: lock-free. The input alarms are only
     // replaced by start(), which runs before the capture thread does.
@@ -61,6 +75,8 @@ private:
     // Drops out unless it belongs to source; true when out can be reused as it is.
     bool reuse_alarm(const std::string& source, std::shared_ptr<vq_i_alarm_event>& out);
     void pid_event(pid_alarm_map& alarms, uint16_t pid, VQAlarmCode code, const char* text);
+    // The input and per-PID alarms as they are now.
+    std::vector<std::shared_ptr<vq_i_alarm_event>> current_alarms() const;
 
     std::string m_strSourceName;
     vq_base_alarms_helper m_alarm_helper;
@@ -71,4 +87,7 @@ private:
     pid_alarm_map m_mapAlarmPIDScrambled;
     pid_alarm_map m_mapAlarmTEIError;
     mutable std::mutex m_cs;
+    std::shared_ptr<const vq_i_alarm_event::transition_observer> m_pObserver;
+    std::thread m_pollThread;
+    std::shared_ptr<std::promise<void>> m_fPollExit;
 };

@@ -1,10 +1,15 @@
 #include "vq_asi_capture/vq_asi_capture.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
 #include "vq_asi_capture/vq_mpegts_provider.h"
 #include "vq_asi_capture/vq_t2mi_provider.h"
+
+GST_DEBUG_CATEGORY(gst_vq_asi_capture_debug);
+#define GST_CAT_DEFAULT gst_vq_asi_capture_debug
 
 namespace {
 
@@ -25,12 +30,28 @@ void warn_invalid_property_id(GObject* object, guint prop_id, GParamSpec* pspec)
               G_OBJECT_TYPE_NAME(object));
 }
 
+// The running time of the element's clock now; 0 without a clock.
+GstClockTime running_time_now(GstElement* element) {
+    GstClock* clock = gst_element_get_clock(element);
+    if (!clock)
+        return 0;
+    const GstClockTime now = gst_clock_get_time(clock);
+    gst_object_unref(clock);
+    const GstClockTime base = gst_element_get_base_time(element);
+    return now > base ? now - base : 0;
+}
+
+bool is_input_alarm(VQAlarmCode code) {
+    return code == eAlarmASIInputSyncLost || code == eAlarmASIInputRawNoInputData || code == eAlarmASIInputNoInputData;
+}
+
 }  // namespace
 
 vq_asi_capture::vq_asi_capture(Gstvqasicapture* element, GstElementClass* parentClass)
     : m_pElement(element),
       m_pParentClass(parentClass),
       m_sync([this](unsigned long pts, unsigned char* data, unsigned long size) { receive_data(pts, data, size); }) {
+    m_alarms.set_transition_observer([this](const vq_alarm_data& data) { post_alarm_message(data); });
     create_asi_pad();
 }
 
@@ -76,6 +97,9 @@ void vq_asi_capture::get_property(guint prop_id, GValue* value, GParamSpec* pspe
     case PROP_ALARM_SOURCE_NAME:
         g_value_set_string(value, m_alarms.get_source_name().c_str());
         break;
+    case PROP_STATS:
+        get_stats(value);
+        break;
     default:
         warn_invalid_property_id(G_OBJECT(m_pElement), prop_id, pspec);
         break;
@@ -87,6 +111,43 @@ void vq_asi_capture::get_statistics(GValue* value) {
         g_value_set_pointer(value, &m_statistics);
 }
 
+void vq_asi_capture::get_stats(GValue* value) const {
+    const vq_video_statistics& asi = m_statistics.asi();
+    GstStructure* stats = gst_structure_new(
+        "application/x-vqasi-stats",
+        "system-time", G_TYPE_UINT64, static_cast<guint64>(m_statistics.m_nSystemTime.load()),
+        "signal-state", G_TYPE_STRING, asi.get_state_string().c_str(),
+        "no-data-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoData.load()),
+        "no-link-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLink.load()),
+        "no-lock-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLock.load()),
+        "range-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalRange.load()),
+        "unknown-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalUnknown.load()),
+        "bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_bit_rate()),
+        "raw-bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_bit_rate()),
+        "bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_data_counter()),
+        "raw-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_data_count()),
+        "bad-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_bad_bytes()),
+        "frames", G_TYPE_UINT64, static_cast<guint64>(asi.nPushIndexFrame.load()),
+        "dropped-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nDroppedFrame.load()),
+        "fake-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nFakeFrames.load()),
+        "map-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.min()),
+        "map-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.avr()),
+        "map-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.max()),
+        "push-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.min()),
+        "push-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.avr()),
+        "push-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.max()),
+        "frame-interval-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.min()),
+        "frame-interval-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.avr()),
+        "frame-interval-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.max()),
+        "last-error", G_TYPE_STRING, asi.get_errors().c_str(), nullptr);
+    g_value_take_boxed(value, stats);
+}
+
+void vq_asi_capture::get_latency(GstClockTime& min, GstClockTime& max) const {
+    min = vq_v4l2_asi_input_device::frame_num_to_time(1);
+    max = min * std::max<size_t>(m_asi.buffers().size(), 1);
+}
+
 std::string vq_asi_capture::pts_to_string(uint64_t pts) {
     return std::to_string(static_cast<uint64_t>(static_cast<double>(pts) / 1000000.0));
 }
@@ -96,14 +157,19 @@ GstStateChangeReturn vq_asi_capture::change_state(GstStateChange transition) {
     switch (transition) {
     case GST_STATE_CHANGE_NULL_TO_READY:
         g_print("vq_asi_capture: NULL_TO_READY\n");
+        GST_INFO_OBJECT(element, "NULL_TO_READY: opening %s", m_strV4l2Name.c_str());
         if (!m_asi.open_device(m_strV4l2Name)) {
+            post_open_error();
             close();
             return GST_STATE_CHANGE_FAILURE;
         }
+        GST_INFO_OBJECT(element, "device %s open: %zu buffers of %zu bytes", m_strV4l2Name.c_str(),
+                        m_asi.buffers().size(), m_asi.get_buffer_size());
         m_sync.reset(m_asi.get_buffer_size());
         break;
     case GST_STATE_CHANGE_PAUSED_TO_PLAYING:
         g_print("vq_asi_capture: PAUSED_TO_PLAYING\n");
+        GST_INFO_OBJECT(element, "PAUSED_TO_PLAYING");
         start();
         break;
     default:
@@ -120,18 +186,74 @@ GstStateChangeReturn vq_asi_capture::change_state(GstStateChange transition) {
         return GST_STATE_CHANGE_NO_PREROLL;
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
         g_print("vq_asi_capture: PLAYING_TO_PAUSED\n");
+        GST_INFO_OBJECT(element, "PLAYING_TO_PAUSED");
         stop();
         // Live again: a paused sink waiting for a preroll buffer that a stopped capture
         // never sends would otherwise keep the pipeline from ever completing PAUSED.
         return GST_STATE_CHANGE_NO_PREROLL;
     case GST_STATE_CHANGE_READY_TO_NULL:
         g_print("vq_asi_capture: READY_TO_NULL\n");
+        GST_INFO_OBJECT(element, "READY_TO_NULL: closing the device");
         close();
         break;
     default:
         break;
     }
     return ret;
+}
+
+void vq_asi_capture::post_open_error() {
+    const int err = m_asi.last_errno();
+    const char* path = m_strV4l2Name.c_str();
+    if (err == ENOENT)
+        GST_ELEMENT_ERROR(m_pElement, RESOURCE, NOT_FOUND, ("Could not find ASI device \"%s\".", path),
+                          ("%s: %s", path, g_strerror(err)));
+    else
+        GST_ELEMENT_ERROR(m_pElement, RESOURCE, OPEN_READ_WRITE,
+                          ("Could not open ASI device \"%s\" for reading and writing.", path),
+                          ("%s: %s", path, err ? g_strerror(err) : "not a usable ASI capture device"));
+}
+
+void vq_asi_capture::check_flow(GstFlowReturn flow) {
+    // As a live GstBaseSrc: not-linked (we were linked at start) and errors below EOS are fatal.
+    if (flow != GST_FLOW_NOT_LINKED && flow >= GST_FLOW_EOS)
+        return;
+    if (m_bFlowError.exchange(true))
+        return;
+    GST_WARNING_OBJECT(m_pElement, "push returned %s: pushing nothing more until the next start",
+                       gst_flow_get_name(flow));
+    GST_ELEMENT_FLOW_ERROR(m_pElement, flow);
+}
+
+void vq_asi_capture::check_device_lost() {
+    if (m_bDeviceLostWarned || m_asi.last_errno() != ENODEV)
+        return;
+    m_bDeviceLostWarned = true;
+    GST_ELEMENT_WARNING(m_pElement, RESOURCE, READ, ("The ASI device \"%s\" is gone.", m_strV4l2Name.c_str()),
+                        ("%s: %s", m_strV4l2Name.c_str(), g_strerror(ENODEV)));
+}
+
+void vq_asi_capture::post_alarm_message(const vq_alarm_data& data) {
+    GstElement* element = GST_ELEMENT(m_pElement);
+    std::string source = data.source;
+    if (source.empty()) {
+        gchar* name = gst_object_get_name(GST_OBJECT(element));
+        source = name ? name : "";
+        g_free(name);
+    }
+    const gint pid = is_input_alarm(data.code) ? -1 : static_cast<gint>(data.stream_pid);
+    GST_DEBUG_OBJECT(element, "alarm %d %s: %s (pid %d, count %u)", data.code, data.active ? "active" : "cleared",
+                     data.description.c_str(), pid, data.count);
+    GstStructure* s = gst_structure_new("vqasi-alarm",
+                                        "code", G_TYPE_INT, static_cast<gint>(data.code),
+                                        "level", G_TYPE_INT, static_cast<gint>(data.level),
+                                        "description", G_TYPE_STRING, data.description.c_str(),
+                                        "source", G_TYPE_STRING, source.c_str(),
+                                        "pid", G_TYPE_INT, pid,
+                                        "active", G_TYPE_BOOLEAN, data.active ? TRUE : FALSE,
+                                        "count", G_TYPE_UINT, static_cast<guint>(data.count),
+                                        "reg-time", G_TYPE_STRING, data.reg_time.c_str(), nullptr);
+    gst_element_post_message(element, gst_message_new_element(GST_OBJECT(element), s));
 }
 
 bool vq_asi_capture::send_eos(GstEvent* event) {
@@ -158,6 +280,7 @@ void vq_asi_capture::push_pending_eos() {
 }
 
 bool vq_asi_capture::start() {
+    m_alarms.start_polling();
     m_bEosPending = false;
     m_bEosSent = false;
     // A sink that paused before us may still hold the previous capture thread in a push
@@ -183,11 +306,17 @@ bool vq_asi_capture::start() {
 }
 
 void vq_asi_capture::begin_capture(eInputType inputType, uint8_t plp) {
+    m_bFlowError = false;
+    m_bDeviceLostWarned = false;
     m_alarms.start();
+    GST_DEBUG_OBJECT(m_pElement, "alarms started for source \"%s\"", m_alarms.get_source_name().c_str());
     m_statistics.reset();
     neogation();
-    if (m_asi.is_open())
-        m_asi.start_capture();
+    if (m_asi.is_open()) {
+        const bool streaming = m_asi.start_capture();
+        GST_INFO_OBJECT(m_pElement, "streaming %s, input type %d, plp %u", streaming ? "on" : "refused by the device",
+                        static_cast<int>(inputType), static_cast<unsigned>(plp));
+    }
 
     switch (inputType) {
     case eInputTS:
@@ -240,6 +369,7 @@ void vq_asi_capture::close() {
 }
 
 void vq_asi_capture::stop_capture_thread(bool mayDefer) {
+    m_alarms.stop_polling();
     m_alarms.stop();
     if (m_asi_thread.joinable()) {
         if (m_fAsiExit) {
@@ -292,6 +422,8 @@ void vq_asi_capture::work_asi_thread(std::future<void>&& exit) {
         // The sync-lost watchdog is fed while the receiver reports lock.
         if (state <= vq_no_data)
             m_alarms.sync_lost_event();
+        if (state != asi.signal_state.load(std::memory_order_relaxed))
+            GST_INFO_OBJECT(m_pElement, "signal state: %d", static_cast<int>(state));
         asi.set_signal_state(state);
 
         uint64_t tStart = 0, tStop = 0, frameNumber = 0;
@@ -301,6 +433,8 @@ void vq_asi_capture::work_asi_thread(std::future<void>&& exit) {
         const bool mapped = m_asi.map_data(tStart, tStop, frameNumber, &data, size);
         asi.m_map_delay.set_value(elapsed_ms(t0));
         waitMs = 10;
+        if (!mapped)
+            check_device_lost();
         if (!mapped || size == 0)
             continue;
 
@@ -318,6 +452,8 @@ void vq_asi_capture::process_frame(uint64_t tStart, uint64_t tStop, uint64_t fra
     asi.m_delay_between_frame.set_value(elapsed_ms(tLastFrame));
     tLastFrame = steady::now();
 
+    GST_LOG_OBJECT(m_pElement, "frame %" G_GUINT64_FORMAT ": %zu bytes at %" GST_TIME_FORMAT, frameNumber, size,
+                   GST_TIME_ARGS(tStart));
     const steady::time_point t1 = steady::now();
     if (push_data(tStart, tStop, frameNumber, data, size)) {
         ++asi.nPushIndexFrame;
@@ -341,6 +477,11 @@ void vq_asi_capture::push_segment(uint64_t start) {
         gst_segment_init(m_pAsiSegment.get(), GST_FORMAT_TIME);
     }
     m_pAsiSegment->start = start;
+    // As live sources stamp their buffers: the first packet plays at the clock's
+    // running time of its capture, the rest at their distance from it.
+    m_pAsiSegment->base = running_time_now(GST_ELEMENT(m_pElement));
+    GST_DEBUG_OBJECT(m_pElement, "segment: start %" GST_TIME_FORMAT ", base %" GST_TIME_FORMAT, GST_TIME_ARGS(start),
+                     GST_TIME_ARGS(m_pAsiSegment->base));
     m_pAsiSegment->stop = GST_CLOCK_TIME_NONE;
     m_pAsiSegment->duration = GST_CLOCK_TIME_NONE;
     gst_pad_push_event(m_asi_pad.pad, gst_event_new_segment(m_pAsiSegment.get()));
@@ -348,7 +489,8 @@ void vq_asi_capture::push_segment(uint64_t start) {
 }
 
 bool vq_asi_capture::receive_data(uint64_t pts, uint8_t* data, size_t size) {
-    if (m_bStopCapture.load(std::memory_order_relaxed) || m_bEosSent.load(std::memory_order_relaxed))
+    if (m_bStopCapture.load(std::memory_order_relaxed) || m_bEosSent.load(std::memory_order_relaxed) ||
+        m_bFlowError.load(std::memory_order_relaxed))
         return false;
     // The segment starts at the first packet after each start.
     if (m_send_asi_new_segment)
@@ -359,5 +501,7 @@ bool vq_asi_capture::receive_data(uint64_t pts, uint8_t* data, size_t size) {
     asi.set_data_count(size);
     if (!m_pDataProvider)
         return false;
-    return m_pDataProvider->push_data(pts, data, size, true);
+    const bool pushed = m_pDataProvider->push_data(pts, data, size, true);
+    check_flow(m_pDataProvider->last_flow());
+    return pushed;
 }

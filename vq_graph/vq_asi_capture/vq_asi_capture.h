@@ -54,6 +54,11 @@ public:
     // One device frame; false (frame dropped) when the source pad is not linked.
     bool push_data(uint64_t tStart, uint64_t tStop, uint64_t frameNumber, uint8_t* data, size_t size);
     void get_statistics(GValue* value);
+    // The "stats" property: an application/x-vqasi-stats structure built from the
+    // counters that get_items() shows.
+    void get_stats(GValue* value) const;
+    // A live source's latency: one device frame, at most every device buffer full.
+    void get_latency(GstClockTime& min, GstClockTime& max) const;
     // Nanoseconds as whole milliseconds, for log lines.
     static std::string pts_to_string(uint64_t pts);
 
@@ -88,6 +93,14 @@ private:
     void push_segment(uint64_t start);
     // On the capture thread: the end of stream that send_eos asked for.
     void push_pending_eos();
+    // The element error of a device that cannot be opened.
+    void post_open_error();
+    // After a push: a fatal flow stops pushing until the next start, with an element error.
+    void check_flow(GstFlowReturn flow);
+    // A board gone while capturing: one warning per start.
+    void check_device_lost();
+    // A transition of one of our alarms, as a "vqasi-alarm" element message.
+    void post_alarm_message(const vq_alarm_data& data);
     // One round of the capture loop with a filled device buffer.
     void process_frame(uint64_t tStart, uint64_t tStop, uint64_t frameNumber, uint8_t* data, size_t size,
                        std::chrono::steady_clock::time_point& tLastFrame);
@@ -112,6 +125,9 @@ private:
     std::atomic<bool> m_bEosPending{false};
     std::atomic<uint32_t> m_nEosSeqnum{0};
     std::atomic<bool> m_bEosSent{false};
+    // Downstream answered a push with a fatal flow: nothing more is pushed until the next start.
+    std::atomic<bool> m_bFlowError{false};
+    bool m_bDeviceLostWarned = false;  // capture thread only
     std::shared_ptr<GstSegment> m_pAsiSegment;
     std::string m_strV4l2Name;
     eInputType m_eInputType = eInputTS;

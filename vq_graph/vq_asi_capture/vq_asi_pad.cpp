@@ -7,16 +7,17 @@
 
 #include "vq_asi_capture/vq_asi_capture.h"
 
+#define GST_CAT_DEFAULT gst_vq_asi_capture_debug
+
 namespace {
 
-const char kAsiCaps[] = "video/mpegts";
 // The floor of an own pool's buffer size: one 720x576 frame at two bytes a pixel.
 constexpr unsigned kMinPoolBufferSize = 720 * 576 * 2;
 constexpr unsigned kDefaultMinBuffers = 30;
 constexpr unsigned kDefaultMaxBuffers = 40;
 
 std::shared_ptr<GstCaps> make_asi_caps() {
-    GstCaps* caps = gst_caps_new_simple(kAsiCaps, nullptr, nullptr);
+    GstCaps* caps = gst_caps_from_string(VQ_ASI_CAPS);
     return caps ? std::shared_ptr<GstCaps>(caps, gst_caps_unref) : nullptr;
 }
 
@@ -25,10 +26,17 @@ std::shared_ptr<GstCaps> make_asi_caps() {
 gboolean gst_pad_asi_query(GstPad* pad, GstObject* parent, GstQuery* query) {
     if (!parent)
         return FALSE;
+    auto* capture = static_cast<vq_asi_capture*>(reinterpret_cast<Gstvqasicapture*>(parent)->pCapture);
+    if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY && capture) {
+        GstClockTime min = 0, max = 0;
+        capture->get_latency(min, max);
+        GST_DEBUG_OBJECT(parent, "latency: live, min %" GST_TIME_FORMAT ", max %" GST_TIME_FORMAT, GST_TIME_ARGS(min),
+                         GST_TIME_ARGS(max));
+        gst_query_set_latency(query, TRUE, min, max);
+        return TRUE;
+    }
     if (GST_QUERY_TYPE(query) != GST_QUERY_CAPS)
         return gst_pad_query_default(pad, parent, query);
-
-    auto* capture = static_cast<vq_asi_capture*>(reinterpret_cast<Gstvqasicapture*>(parent)->pCapture);
     if (!capture)
         return FALSE;
     // The filter is not applied: the pad only ever offers its one fixed format.
@@ -116,9 +124,11 @@ bool vq_asi_capture::asi_neogation() {
     GstPad* pad = m_asi_pad.pad;
     send_stream_start(pad, "asi");
     if (!set_pad_caps(pad)) {
+        GST_WARNING_OBJECT(m_pElement, "caps could not be set on src_asi");
         g_print("vqasicapture: Can't set asi caps.");
         return false;
     }
+    GST_DEBUG_OBJECT(m_pElement, "caps set: %s", VQ_ASI_CAPS);
 
     std::shared_ptr<GstCaps> caps = make_asi_caps();
     std::shared_ptr<GstQuery> query(gst_query_new_allocation(caps.get(), TRUE), gst_query_unref);
@@ -129,6 +139,7 @@ bool vq_asi_capture::asi_neogation() {
     }
 
     if (gst_query_get_n_allocation_pools(query.get()) == 0) {
+        GST_DEBUG_OBJECT(m_pElement, "downstream proposes no pool");
         create_asi_buffer_pool(0, 0, 0);
         return true;
     }
@@ -137,9 +148,13 @@ bool vq_asi_capture::asi_neogation() {
     guint size = 0, min = 0, max = 0;
     gst_query_parse_nth_allocation_pool(query.get(), 0, &pool, &size, &min, &max);
     if (!pool) {
+        GST_DEBUG_OBJECT(m_pElement, "downstream proposes sizes without a pool: size %u, min %u, max %u", size, min,
+                         max);
         create_asi_buffer_pool(size, min, max);
         return true;
     }
+    GST_INFO_OBJECT(m_pElement, "using downstream pool %" GST_PTR_FORMAT ": size %u, min %u, max %u", pool, size, min,
+                    max ? max : kDefaultMinBuffers);
 
     if (GstStructure* config = gst_buffer_pool_get_config(pool)) {
         gst_buffer_pool_config_set_params(config, caps.get(), size, min, max ? max : kDefaultMinBuffers);
@@ -163,8 +178,12 @@ bool vq_asi_capture::create_asi_buffer_pool(unsigned size, unsigned min, unsigne
     const unsigned maxBuffers = std::max(min, max);
     gst_buffer_pool_config_set_params(config, nullptr, std::max(size, kMinPoolBufferSize),
                                       min ? min : kDefaultMinBuffers, maxBuffers ? maxBuffers : kDefaultMaxBuffers);
-    if (!gst_buffer_pool_set_config(pool, config))
+    if (!gst_buffer_pool_set_config(pool, config)) {
+        GST_WARNING_OBJECT(m_pElement, "own pool refused its configuration");
         return false;
+    }
+    GST_INFO_OBJECT(m_pElement, "using own pool: size %u, min %u, max %u", std::max(size, kMinPoolBufferSize),
+                    min ? min : kDefaultMinBuffers, maxBuffers ? maxBuffers : kDefaultMaxBuffers);
     return gst_buffer_pool_set_active(pool, TRUE);
 }
 

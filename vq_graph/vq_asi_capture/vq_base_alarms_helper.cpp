@@ -66,6 +66,11 @@ void vq_base_alarms_helper::set_alarm_manager(vq_i_alarm_manager* manager) {
     }
 }
 
+bool vq_base_alarms_helper::has_alarm_manager() {
+    std::lock_guard<std::mutex> lock(m_cs);
+    return m_p_alarm_manager != nullptr;
+}
+
 void vq_base_alarms_helper::reg_alarm(const std::shared_ptr<vq_i_alarm_event>& alarm) {
     std::lock_guard<std::mutex> lock(m_cs);
     if (m_p_alarm_manager)

@@ -41,6 +41,7 @@ public:
 
     // Moves the registry from the current manager to the given one (null detaches).
     void set_alarm_manager(vq_i_alarm_manager* manager);
+    bool has_alarm_manager();
     // Pass one alarm to the manager, if any; the registry itself is not changed.
     void reg_alarm(const std::shared_ptr<vq_i_alarm_event>& alarm);
     void unreg_alarm(const std::shared_ptr<vq_i_alarm_event>& alarm);

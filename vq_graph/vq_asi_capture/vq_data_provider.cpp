@@ -105,6 +105,7 @@ void vq_data_provider::push_buffer() {
         gst_buffer_set_size(buffer, static_cast<gssize>(m_gstBufferSize));
     m_gstBufferSize = 0;
     const GstFlowReturn ret = gst_pad_push(m_asi_pad.pad, buffer);
+    m_eLastFlow = ret;
     if (ret != GST_FLOW_OK)
         m_statistics.asi().set_error(kCantPush + std::to_string(static_cast<int>(ret)));
 }

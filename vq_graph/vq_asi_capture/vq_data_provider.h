@@ -24,6 +24,9 @@ public:
     // False when no buffer could be taken from the pool (the packet is lost).
     virtual bool push_data(unsigned long pts, unsigned char* data, unsigned long size, bool withSync);
 
+    // What downstream answered to the latest push (GST_FLOW_OK before any).
+    GstFlowReturn last_flow() const { return m_eLastFlow; }
+
     static constexpr size_t ts_packet_size = 188;
 
 protected:
@@ -38,6 +41,7 @@ protected:
     uint64_t m_nDataCounter = 0;
     vq_asi_statistics& m_statistics;
     uint32_t m_nPacketCount = 7;
+    GstFlowReturn m_eLastFlow = GST_FLOW_OK;
 
 private:
     bool begin_buffer(unsigned long pts);

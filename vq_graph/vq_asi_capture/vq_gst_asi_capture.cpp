@@ -7,13 +7,11 @@
 
 namespace {
 
-GstDebugCategory* gst_vq_asi_capture_debug = nullptr;
-
 GstElementClass* parent_class = nullptr;
 GType vq_asi_capture_type = 0;
 
 GstStaticPadTemplate src_asi_pad =
-    GST_STATIC_PAD_TEMPLATE("src_asi", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS("video/mpegts"));
+    GST_STATIC_PAD_TEMPLATE("src_asi", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(VQ_ASI_CAPS));
 
 vq_asi_capture* capture_of(gpointer instance) {
     return static_cast<vq_asi_capture*>(reinterpret_cast<Gstvqasicapture*>(instance)->pCapture);
@@ -88,6 +86,17 @@ void gst_vq_asi_capture_class_init(gpointer klass, gpointer) {
     g_object_class_install_property(
         object_class, PROP_ALARM_MANAGER,
         g_param_spec_pointer("alarm-manager", "alarm-manager", "Set alarm manager", G_PARAM_WRITABLE));
+    g_object_class_install_property(
+        object_class, PROP_STATS,
+        g_param_spec_boxed(
+            "stats", "Statistics",
+            "The capture statistics as an application/x-vqasi-stats structure, read while playing: "
+            "system-time (guint64, ns), signal-state (string), no-data-count, no-link-count, no-lock-count, "
+            "range-count, unknown-count (guint), bitrate, raw-bitrate (guint64, bit/s), bytes, raw-bytes, "
+            "bad-bytes, frames, dropped-frames, fake-frames (guint64), map-delay-min, map-delay-avg, "
+            "map-delay-max, push-delay-min, push-delay-avg, push-delay-max, frame-interval-min, "
+            "frame-interval-avg, frame-interval-max (guint64, ms), last-error (string)",
+            GST_TYPE_STRUCTURE, static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
 }
 
 void gst_vq_asi_capture_init(GTypeInstance* instance, gpointer) {

@@ -24,7 +24,11 @@ enum {
     PROP_STATISTICS,
     PROP_ALARM_SOURCE_NAME,
     PROP_ALARM_MANAGER,
+    PROP_STATS,
 };
+
+// The element's debug category "vqasicapture", the default of the element-side files.
+GST_DEBUG_CATEGORY_EXTERN(gst_vq_asi_capture_debug);
 
 GType gst_vqasicapture_get_type(void);
 

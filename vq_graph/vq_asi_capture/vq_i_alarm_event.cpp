@@ -43,3 +43,24 @@ std::string vq_i_alarm_event::get_log_message() const {
 std::string vq_i_alarm_event::current_reg_time() {
     return VQSDK::toString("dd.MM.yyyy hh:mm:ss", std::time(nullptr), true);
 }
+
+void vq_i_alarm_event::set_transition_observer(std::weak_ptr<const transition_observer> observer) {
+    std::lock_guard<std::mutex> lock(m_csData);
+    m_observer = std::move(observer);
+}
+
+bool vq_i_alarm_event::set_active(bool active) {
+    const bool changed = m_data.active != active;
+    m_data.active = active;
+    return changed;
+}
+
+void vq_i_alarm_event::notify_transition(const vq_alarm_data& data) const {
+    std::shared_ptr<const transition_observer> observer;
+    {
+        std::lock_guard<std::mutex> lock(m_csData);
+        observer = m_observer.lock();
+    }
+    if (observer && *observer)
+        (*observer)(data);
+}

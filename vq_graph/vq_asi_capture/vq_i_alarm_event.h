@@ -1,6 +1,8 @@
 #pragma once
 // An alarm object polled by an alarm manager and fed events by the capture side.
 
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -27,13 +29,24 @@ public:
     // "code=..., level=..., reg_time=..., source=..., description=..., count=..."
     virtual std::string get_log_message() const;
 
+    // Told the record each time the alarm becomes active or clears (not on reset),
+    // on the thread that caused it, with no lock held. Held weakly: an alarm the
+    // manager still holds outlives its element.
+    using transition_observer = std::function<void(const vq_alarm_data&)>;
+    void set_transition_observer(std::weak_ptr<const transition_observer> observer);
+
 protected:
     vq_i_alarm_event(VQAlarmCode code, VQAlarmLevel level, const std::string& source,
                      const std::string& description, uint32_t stream_type, uint32_t stream_pid);
 
     // The current wall-clock time as "dd.MM.yyyy hh:mm:ss" in UTC.
     static std::string current_reg_time();
+    // Sets m_data.active (m_csData held); true when that changed it.
+    bool set_active(bool active);
+    // Tells the observer a record copied when the activity changed; m_csData not held.
+    void notify_transition(const vq_alarm_data& data) const;
 
     vq_alarm_data m_data;
     mutable std::mutex m_csData;
+    std::weak_ptr<const transition_observer> m_observer;  // guarded by m_csData
 };

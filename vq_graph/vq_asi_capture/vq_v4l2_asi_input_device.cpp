@@ -41,8 +41,10 @@ vq_v4l2_asi_input_device::~vq_v4l2_asi_input_device() {
 
 bool vq_v4l2_asi_input_device::open_device(const std::string& name) {
     close_device();
+    m_nErrno = 0;
     int fd = open(name.c_str(), O_RDWR | O_NONBLOCK);
     if (fd < 0) {
+        m_nErrno = errno;
         g_print("vqasicapture: Can't open asi device: %s\n", name.c_str());
         return false;
     }
@@ -107,6 +109,7 @@ bool vq_v4l2_asi_input_device::set_video_format() {
         // Some drivers answer only for the multi-planar API.
         m_eDeviceType = V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE;
         if (!query_format(fmt)) {
+            m_nErrno = errno;
             g_print("vqasicapture: Can't get VIDIOC_G_FMT\n");
             return false;
         }
@@ -116,6 +119,7 @@ bool vq_v4l2_asi_input_device::set_video_format() {
     else
         fmt.fmt.pix.pixelformat = V4L2_PIX_FMT_MPEG;
     if (ioctl(m_hVideo, VIDIOC_S_FMT, &fmt) != 0) {
+        m_nErrno = errno;
         g_print("vqasicapture: Can't get VIDIOC_S_FMT\n");
         return false;
     }
@@ -175,6 +179,7 @@ bool vq_v4l2_asi_input_device::mmap_buffers() {
     req.type = m_eDeviceType;
     req.memory = V4L2_MEMORY_MMAP;
     if (ioctl(m_hVideo, VIDIOC_REQBUFS, &req) != 0) {
+        m_nErrno = errno;
         g_print("vqasicapture: Can't map video buffers - VIDIOC_REQBUFS error\n");
         g_print("vqasicapture: Can't map video buffers\n");
         return false;
@@ -241,8 +246,10 @@ bool vq_v4l2_asi_input_device::map_data(uint64_t& tStart, uint64_t& tStop, uint6
         buf.length = 1;
         buf.m.planes = &plane;
     }
-    if (ioctl(m_hVideo, VIDIOC_DQBUF, &buf) != 0)
+    if (ioctl(m_hVideo, VIDIOC_DQBUF, &buf) != 0) {
+        m_nErrno = errno;
         return false;
+    }
     m_tLastHWFrame = std::chrono::steady_clock::now();
     if (buf.index >= m_vVideoBuf.size())
         return false;  // not one of ours: nothing to hand out

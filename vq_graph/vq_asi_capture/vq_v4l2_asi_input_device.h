@@ -51,6 +51,9 @@ public:
     bool map_data(uint64_t& tStart, uint64_t& tStop, uint64_t& frameNumber, uint8_t** data, size_t& size);
     void unmap_data();
 
+    // errno of the latest failed open or request (0 before any).
+    int last_errno() const { return m_nErrno; }
+
     vq_signal_state get_signal_state();
     size_t get_buffer_size() const;
 
@@ -84,4 +87,5 @@ private:
     std::thread m_thread;
     std::shared_ptr<std::promise<void>> m_fExit;
     std::chrono::steady_clock::time_point m_tLastHWFrame;
+    int m_nErrno = 0;
 };
