@@ -48,6 +48,11 @@ uint16_t CBaseMpegTable::calc_section_length() const {
     return section_length;
 }
 
+bool CBaseMpegTable::sameSectionHeader(const CBaseMpegTable& other) const {
+    return table_id == other.table_id && section_syntax_indicator == other.section_syntax_indicator &&
+           zero == other.zero && section_length == other.section_length;
+}
+
 BOOL CBaseMpegTable::AddData(const unsigned char* data, unsigned long size) {
     if (!m_pDataTable || m_lSizeTable + size >= m_lMaxSize)
         return 0;
