@@ -72,7 +72,7 @@ uint16_t CBAT::calc_section_length() const {
     return static_cast<uint16_t>(13 + descriptors.getSize() + calc_transport_stream_loop_length());
 }
 
-void CBAT::RenderTable() {
+bool CBAT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     writeLongHeader(writer, bouquet_id, *this);
@@ -85,7 +85,7 @@ void CBAT::RenderTable() {
     CMpegMisc::put_bits<12>(writer, transport_stream_loop_length);
     for (CBouquetAssociationStream* stream : BouquetAssociationStreamList)
         CTransportStreamLoop::writeEntry(writer, *stream, stream->transport_descriptors_length);
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CBAT::copyTo(CBAT* target) const {

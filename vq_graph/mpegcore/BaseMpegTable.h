@@ -94,9 +94,14 @@ protected:
     bool isCompleteWithValidCRC(const unsigned char* start,
                                 const VQSDK::VQBSReaderT<unsigned char*>& reader) const;
     // For RenderTable: flushes the writer, computes the CRC over the section
-    // without its last 4 bytes, stores it big-endian there and sets
-    // m_lSizeTable. Returns the CRC.
-    uint32_t finishRender(VQSDK::VQBSWriterT<unsigned char*>& writer);
+    // without its last 4 bytes, stores it big-endian there and in crc, and
+    // sets m_lSizeTable as setRenderedSize does.
+    bool finishRender(VQSDK::VQBSWriterT<unsigned char*>& writer, uint32_t& crc);
+    // Sets m_lSizeTable to section_length + 3 and returns true when the
+    // section fits the buffer and its 12-bit length field; otherwise the
+    // section is truncated: m_lSizeTable becomes the buffer's size and the
+    // result is false.
+    bool setRenderedSize();
 };
 
 }  // namespace mpegcore

@@ -109,10 +109,10 @@ uint16_t CEIT::calc_section_length() const {
     return static_cast<uint16_t>(length);
 }
 
-void CEIT::RenderTable() {
+bool CEIT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
-    m_lSizeTable = size_t(section_length) + 3;
+    return setRenderedSize();
 }
 
 void CEIT::copyTo(CEIT* target) const {

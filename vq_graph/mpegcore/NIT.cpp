@@ -56,7 +56,7 @@ uint16_t CNIT::calc_section_length() const {
     return static_cast<uint16_t>(13 + descriptors.getSize() + calc_transport_stream_loop_length());
 }
 
-void CNIT::RenderTable() {
+bool CNIT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     writeLongHeader(writer, network_id, *this);
@@ -69,7 +69,7 @@ void CNIT::RenderTable() {
     CMpegMisc::put_bits<12>(writer, transport_stream_loop_length);
     for (const auto& stream : transport_stream)
         CTransportStreamLoop::writeEntry(writer, *stream, stream->network_descriptors_length);
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CNIT::copyTo(CNIT* target) const {

@@ -34,7 +34,7 @@ uint16_t CPAT::calc_section_length() const {
     return static_cast<uint16_t>(9 + 4 * program_map.size());
 }
 
-void CPAT::RenderTable() {
+bool CPAT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     writeLongHeader(writer, transport_stream_id, *this);
@@ -43,7 +43,7 @@ void CPAT::RenderTable() {
         CMpegMisc::put_bits<3>(writer, program.reserved);
         CMpegMisc::put_bits<13>(writer, pid);
     }
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CPAT::copyTo(CPAT* target) const {

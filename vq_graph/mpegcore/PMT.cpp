@@ -61,7 +61,7 @@ uint16_t CPMT::calc_section_length() const {
     return static_cast<uint16_t>(length);
 }
 
-void CPMT::RenderTable() {
+bool CPMT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     writeLongHeader(writer, program_number, *this);
@@ -80,7 +80,7 @@ void CPMT::RenderTable() {
         CMpegMisc::put_bits<12>(writer, stream->ES_info_length);
         stream->descriptors.write(writer);
     }
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CPMT::copyTo(CPMT* target) const {

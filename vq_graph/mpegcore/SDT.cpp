@@ -57,7 +57,7 @@ uint16_t CSDT::calc_section_length() const {
     return static_cast<uint16_t>(length);
 }
 
-void CSDT::RenderTable() {
+bool CSDT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     writeLongHeader(writer, transport_stream_id, *this);
@@ -74,7 +74,7 @@ void CSDT::RenderTable() {
         CMpegMisc::put_bits<12>(writer, service->descriptors_loop_length);
         service->descriptors.write(writer);
     }
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CSDT::copyTo(CSDT* target) const {

@@ -42,7 +42,8 @@ public:
 
     // Writes the services in ascending service_id order with their loop
     // lengths taken from the lists.
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CSDT* target) const;
 
     uint16_t transport_stream_id = 0;
