@@ -55,12 +55,17 @@ protected:
     // The long-section fields that follow section_length: the table's own
     // 16-bit id (transport_stream_id, network_id, ...), then reserved1,
     // version_number, current_next_indicator, section_number and
-    // last_section_number, which every long table names alike.
+    // last_section_number, which every long table names alike. Every field
+    // is read even after one has failed; false when any did.
     template <class Table>
     static bool readLongHeader(VQSDK::VQBSReaderT<unsigned char*>& reader, uint16_t& id, Table& table) {
-        return reader.getBits<16>(id) && reader.getBits<2>(table.reserved1) &&
-               reader.getBits<5>(table.version_number) && reader.getBits<1>(table.current_next_indicator) &&
-               reader.getBits<8>(table.section_number) && reader.getBits<8>(table.last_section_number);
+        bool read = reader.getBits<16>(id);
+        read &= reader.getBits<2>(table.reserved1);
+        read &= reader.getBits<5>(table.version_number);
+        read &= reader.getBits<1>(table.current_next_indicator);
+        read &= reader.getBits<8>(table.section_number);
+        read &= reader.getBits<8>(table.last_section_number);
+        return read;
     }
     template <class Table>
     static bool writeLongHeader(VQSDK::VQBSWriterT<unsigned char*>& writer, uint16_t id, const Table& table) {

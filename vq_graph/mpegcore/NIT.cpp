@@ -28,15 +28,17 @@ bool CNIT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     const unsigned char* start = reader.getData();
     if (!CMpegMisc::read_section_header(*this, reader) || !isCompleteWithValidCRC(start, reader))
         return false;
-    if (!(readLongHeader(reader, network_id, *this) && reader.getBits<4>(reserved_future_use) &&
-          reader.getBits<12>(network_descriptors_length)))
-        return false;
+    // Past the length and CRC tests only a loop longer than the data fails;
+    // a field that runs out of data does not.
+    readLongHeader(reader, network_id, *this);
+    reader.getBits<4>(reserved_future_use);
+    reader.getBits<12>(network_descriptors_length);
     if (network_descriptors_length != 0 &&
         CMpegMisc::read_descriptor_loop(reader, network_descriptors_length, descriptors) ==
             CMpegMisc::loop_result::too_long)
         return false;
-    if (!(reader.getBits<4>(reserved_future_use1) && reader.getBits<12>(transport_stream_loop_length)))
-        return false;
+    reader.getBits<4>(reserved_future_use1);
+    reader.getBits<12>(transport_stream_loop_length);
     const bool loopRead = CTransportStreamLoop::read(transport_stream_loop_length, [&] {
         auto stream = std::make_shared<CBaseTransportStream>();
         if (!CTransportStreamLoop::readEntry(reader, *stream, stream->network_descriptors_length,
@@ -45,7 +47,8 @@ bool CNIT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
         transport_stream.push_back(stream);
         return int(stream->network_descriptors_length);
     });
-    return loopRead && reader.getBits<32>(CRC);
+    reader.getBits<32>(CRC);
+    return loopRead;
 }
 
 uint16_t CNIT::calc_transport_stream_loop_length() const {

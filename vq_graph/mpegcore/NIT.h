@@ -33,8 +33,9 @@ public:
     CNIT(unsigned char* buffer, unsigned long size) : CBaseMpegTable(buffer, size) {}
 
     void Clear() override;
-    // table_id is not checked. The descriptor lists' own results are not
-    // examined; a loop longer than the data fails the read.
+    // table_id is not checked. Fails only on the section length, the CRC and
+    // a loop longer than the data (the descriptor lists' own results and
+    // fields that run out of data are not examined).
     bool read(VQSDK::VQBSReaderT<unsigned char*>& reader) override;
     uint16_t calc_section_length() const override;
 

@@ -29,8 +29,8 @@ bool CPMT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     if (!CMpegMisc::read_section_header(*this, reader) || table_id != 0x02 || zero != 0 ||
         !isCompleteWithValidCRC(start, reader))
         return false;
-    if (!(readLongHeader(reader, program_number, *this) && reader.getBits<3>(reserved2) && reader.getBits<13>(PCR_PID) && reader.getBits<4>(reserved3) &&
-          reader.getBits<12>(program_info_length)))
+    if (!(readLongHeader(reader, program_number, *this) && reader.getBits<3>(reserved2) &&
+          reader.getBits<13>(PCR_PID) && reader.getBits<4>(reserved3) && reader.getBits<12>(program_info_length)))
         return false;
     if (program_info_length != 0 &&
         CMpegMisc::read_descriptor_loop(reader, program_info_length, descriptors) ==

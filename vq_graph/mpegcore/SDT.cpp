@@ -29,25 +29,30 @@ bool CSDT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     const unsigned char* start = reader.getData();
     if (!CMpegMisc::read_section_header(*this, reader) || !isCompleteWithValidCRC(start, reader))
         return false;
-    if (!(readLongHeader(reader, transport_stream_id, *this) && reader.getBits<16>(original_network_id) && reader.getBits<8>(reserved_future_use1)))
-        return false;
+    // Past the length and CRC tests only a loop longer than the data fails;
+    // a field that runs out of data does not.
+    readLongHeader(reader, transport_stream_id, *this);
+    reader.getBits<16>(original_network_id);
+    reader.getBits<8>(reserved_future_use1);
     // The service loop ends 4 bytes before the section does (the CRC).
     int left = int(section_length) - 12;
     while (left > 4) {
         auto service = std::make_shared<CServiceDescriptionSection>();
-        if (!(reader.getBits<16>(service->service_id) && reader.getBits<6>(service->reserved_future_use) &&
-              reader.getBits<1>(service->EIT_schedule_flag) &&
-              reader.getBits<1>(service->EIT_present_following_flag) &&
-              reader.getBits<3>(service->running_status) && reader.getBits<1>(service->free_CA_mode) &&
-              reader.getBits<12>(service->descriptors_loop_length)))
-            return false;
+        reader.getBits<16>(service->service_id);
+        reader.getBits<6>(service->reserved_future_use);
+        reader.getBits<1>(service->EIT_schedule_flag);
+        reader.getBits<1>(service->EIT_present_following_flag);
+        reader.getBits<3>(service->running_status);
+        reader.getBits<1>(service->free_CA_mode);
+        reader.getBits<12>(service->descriptors_loop_length);
         if (CMpegMisc::read_descriptor_loop(reader, service->descriptors_loop_length, service->descriptors) ==
             CMpegMisc::loop_result::too_long)
             return false;
         left -= service->descriptors_loop_length + 5;
         sds[service->service_id] = service;
     }
-    return reader.getBits<32>(CRC);
+    reader.getBits<32>(CRC);
+    return true;
 }
 
 uint16_t CSDT::calc_section_length() const {

@@ -36,7 +36,8 @@ public:
 
     void Clear() override;
     // table_id is not checked; a later service with the same id replaces the
-    // earlier one.
+    // earlier one. Fails only on the section length, the CRC and a loop longer
+    // than the data.
     bool read(VQSDK::VQBSReaderT<unsigned char*>& reader) override;
     uint16_t calc_section_length() const override;
 

@@ -30,13 +30,16 @@ public:
     }
 
     // Reads one entry's fields into `entry` and `descriptorsLength`, then its
-    // descriptors into `list`. A loop longer than the data fails; a list that
-    // fails to read fails too when `strict`.
+    // descriptors into `list`. A loop longer than the data fails; when
+    // `strict`, so do a field that cannot be read and a list that fails.
     template <class Entry>
     static bool readEntry(VQSDK::VQBSReaderT<unsigned char*>& reader, Entry& entry, uint16_t& descriptorsLength,
                           VQDescriptorList& list, bool strict) {
-        if (!(reader.getBits<16>(entry.transport_stream_id) && reader.getBits<16>(entry.original_network_id) &&
-              reader.getBits<4>(entry.reserved_future_use) && reader.getBits<12>(descriptorsLength)))
+        bool fieldsRead = reader.getBits<16>(entry.transport_stream_id);
+        fieldsRead &= reader.getBits<16>(entry.original_network_id);
+        fieldsRead &= reader.getBits<4>(entry.reserved_future_use);
+        fieldsRead &= reader.getBits<12>(descriptorsLength);
+        if (strict && !fieldsRead)
             return false;
         if (descriptorsLength == 0)
             return true;
