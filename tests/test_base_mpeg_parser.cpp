@@ -579,6 +579,35 @@ TEST(BaseMpegParser, PatSetByTheApplicationIsFollowed) {
     EXPECT_EQ(parser.others.back(), 0x101);
 }
 
+TEST(BaseMpegParser, PmtEditedInPlaceIsFollowedOnlyOnceSetThroughItsWrapper) {
+    RecordingParser parser;
+    Bytes data = programStart();
+    append(data, payloadPacket(0x105, 0, true, 0));  // 0x105 is no stream of the program
+    parser.feed(data);
+    EXPECT_TRUE(parser.pes.empty());
+
+    // Added in place, outside a table callback: the route worked out for 0x105 stays.
+    auto& wrapper = *parser.m_MapPMT.at(0x100);
+    auto stream = std::make_shared<CBaseStreamTypeMap>();
+    stream->stream_type = 0x06;
+    stream->elementary_PID = 0x105;
+    wrapper.m_pLast->stream_map[0x105] = stream;
+    Bytes inPlace = payloadPacket(0x105, 1, false, 0);
+    parser.feed(inPlace);
+    EXPECT_TRUE(parser.pes.empty());
+    EXPECT_EQ(parser.others.back(), 0x105);
+
+    // The same table set through the wrapper is followed.
+    CPMT edited(nullptr, 1024);
+    wrapper.m_pLast->copyTo(&edited);
+    wrapper.set(edited);
+    Bytes afterSet = payloadPacket(0x105, 2, false, 0);
+    parser.feed(afterSet);
+    ASSERT_EQ(parser.pes.size(), 1u);
+    EXPECT_EQ(parser.pes[0].pid, 0x105);
+    EXPECT_EQ(parser.pes[0].pmtPid, 0x100);
+}
+
 TEST(BaseMpegParser, CallbackThatClearsTheParserEndsTheReportsOfThatPacket) {
     // Clears the parser from inside the first report of the shared stream.
     class ClearingParser : public RecordingParser {

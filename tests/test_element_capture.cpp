@@ -32,11 +32,6 @@ using vq_element_test::wait_until;
 constexpr size_t kPacket = 188;
 constexpr size_t kFrameSize = 26320;  // the simulator's default frame, 140 packets
 
-std::vector<uint8_t> read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // Runs the capture into a file until `bytes` reached the provider, then stops it.
 std::vector<uint8_t> capture_to_file(const std::string& properties, uint64_t bytes) {
     const std::string out = scratch_file("vqasicapture-out") + ".ts";
@@ -52,7 +47,7 @@ std::vector<uint8_t> capture_to_file(const std::string& properties, uint64_t byt
         gst_element_set_state(p.capture, GST_STATE_PAUSED);
         EXPECT_EQ(items_of(p.capture)["Asi last error"], "");
     }
-    std::vector<uint8_t> data = read_file(out);
+    std::vector<uint8_t> data = vq_test::readFile(out);
     std::remove(out.c_str());
     return data;
 }

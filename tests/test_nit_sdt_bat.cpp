@@ -132,6 +132,37 @@ TEST(NIT, AlteredLastCrcByteFails) {
     EXPECT_FALSE(readTable(nit, section));
 }
 
+// A NIT (0x40) or BAT (0x4A) section of section_length 11 that ends after
+// its first loop length: the stream loop length and the CRC field are read
+// from its CRC bytes. The id is chosen so that the loop length read there is
+// 5 or less (no entries), leaving 2 bytes for the 32-bit CRC field.
+SectionBytes sectionEndingAfterFirstLoop(uint8_t tableId) {
+    for (unsigned id = 0; id <= 0xFFFF; ++id) {
+        SectionBytes section = withCrc({tableId, 0xF0, 0x00, uint8_t(id >> 8), uint8_t(id), 0xC1, 0x00, 0x00, 0xF0,
+                                        0x00});
+        if ((((section[10] & 0x0F) << 8) | section[11]) <= 5)
+            return section;
+    }
+    return {};
+}
+
+TEST(NIT, FieldsRunningPastTheDataStillRead) {
+    const SectionBytes section = sectionEndingAfterFirstLoop(0x40);
+    ASSERT_EQ(section.size(), 14u);
+    CNIT nit(nullptr, 1024);
+    EXPECT_TRUE(readTable(nit, section));
+    EXPECT_EQ(nit.section_length, 11);
+    EXPECT_EQ(nit.network_id, (section[3] << 8) | section[4]);
+    EXPECT_TRUE(nit.transport_stream.empty());
+}
+
+TEST(BAT, FieldsRunningPastTheDataFail) {
+    const SectionBytes section = sectionEndingAfterFirstLoop(0x4A);
+    ASSERT_EQ(section.size(), 14u);
+    CBAT bat(nullptr, 4096);
+    EXPECT_FALSE(readTable(bat, section));
+}
+
 TEST(NIT, RenderThenReadBackAndCopy) {
     CNIT nit(nullptr, 1024);
     ASSERT_TRUE(readTable(nit, networkSection(0x41, {0x40, 0x03, 'N', 'e', 't'},
@@ -229,6 +260,23 @@ TEST(SDT, DescriptorLoopPastTheDataFailsAndAlteredCrcFails) {
     section.back() ^= 1;
     CSDT other(nullptr, 1024);
     EXPECT_FALSE(readTable(other, section));
+}
+
+TEST(SDT, FieldsRunningPastTheDataStillRead) {
+    // section_length 9: original_network_id and the reserved byte come from
+    // the CRC bytes and the 32-bit CRC field finds one byte left.
+    const SectionBytes section = withCrc({0x42, 0xF0, 0x00, 0x12, 0x34, 0xC1, 0x00, 0x00});
+    CSDT sdt(nullptr, 1024);
+    EXPECT_TRUE(readTable(sdt, section));
+    EXPECT_EQ(sdt.transport_stream_id, 0x1234);
+    EXPECT_TRUE(sdt.sds.empty());
+}
+
+TEST(SDT, CutSectionStillFails) {
+    SectionBytes section = withCrc({0x42, 0xF0, 0x00, 0x12, 0x34, 0xC1, 0x00, 0x00});
+    section.pop_back();
+    CSDT sdt(nullptr, 1024);
+    EXPECT_FALSE(readTable(sdt, section));
 }
 
 TEST(SDT, RenderThenReadBackAndCopy) {

@@ -4,6 +4,9 @@
 #include <vector>
 
 #include "mpegcore/BaseMpegTable.h"
+#include "mpegcore/EIT.h"
+#include "mpegcore/PAT.h"
+#include "mpegcore/TDT.h"
 #include "support/test_data.h"
 
 using mpegcore::CBaseMpegTable;
@@ -42,11 +45,11 @@ public:
     }
     uint16_t calc_section_length() const override { return 5 + 4; }
 
-    void RenderTable() {
+    bool RenderTable() {
         Writer writer(m_pDataTable, m_lMaxSize);
         write(writer);
         writer.putBits<unsigned long>(0x0102030405ul, 40);
-        CRC = finishRender(writer);
+        return finishRender(writer, CRC);
     }
     uint32_t CRC = 0;
 };
@@ -123,7 +126,7 @@ TEST(SectionBase, RenderWritesHeaderLengthAndValidCrc) {
     table.table_id = 0x02;
     table.section_syntax_indicator = 1;
     table.reserved = 3;
-    table.RenderTable();
+    EXPECT_TRUE(table.RenderTable());
     EXPECT_EQ(table.section_length, 9);
     EXPECT_EQ(table.GetSizeBuffer(), 12u);
     const unsigned char* buf = table.GetBuffer();
@@ -137,8 +140,8 @@ TEST(SectionBase, RenderWritesHeaderLengthAndValidCrc) {
 TEST(SectionBase, RenderIntoTooSmallBufferStaysInside) {
     std::vector<unsigned char> storage(16, 0xEE);
     HeaderOnlyTable table(storage.data(), 6);
-    table.RenderTable();
-    EXPECT_EQ(table.GetSizeBuffer(), 12u);  // set from section_length even when cut
+    EXPECT_FALSE(table.RenderTable());
+    EXPECT_EQ(table.GetSizeBuffer(), 6u);  // the cut section, never more than the buffer
     for (size_t i = 6; i < storage.size(); ++i)
         EXPECT_EQ(storage[i], 0xEE) << "byte " << i;
 }
@@ -184,4 +187,69 @@ TEST(SectionBase, AddDataWithoutBufferFails) {
     CBaseMpegTable table(nullptr, 0);
     unsigned char byte = 1;
     EXPECT_FALSE(table.AddData(&byte, 1));
+}
+
+namespace {
+
+mpegcore::CBaseMpegProgram programOn(uint16_t number, uint16_t pid) {
+    mpegcore::CBaseMpegProgram program;
+    program.program_number = number;
+    program.map_PID.program_map_PID = pid;
+    return program;
+}
+
+}  // namespace
+
+TEST(SectionRender, PatThatFitsExactlyRendersWhole) {
+    mpegcore::CPAT pat(nullptr, 24);  // 3 programs: section_length 21, 24 bytes
+    for (uint16_t i = 1; i <= 3; ++i)
+        pat.program_map[uint16_t(0x100 + i)] = programOn(i, uint16_t(0x100 + i));
+    EXPECT_TRUE(pat.RenderTable());
+    EXPECT_EQ(pat.GetSizeBuffer(), 24u);
+    EXPECT_EQ(mpegcore::crc32_mpeg2(pat.GetBuffer(), 24), 0u);
+}
+
+TEST(SectionRender, PatOneByteTooLargeReportsFailureAndStaysInside) {
+    std::vector<unsigned char> storage(32, 0xEE);
+    mpegcore::CPAT pat(storage.data(), 23);
+    for (uint16_t i = 1; i <= 3; ++i)
+        pat.program_map[uint16_t(0x100 + i)] = programOn(i, uint16_t(0x100 + i));
+    EXPECT_FALSE(pat.RenderTable());
+    EXPECT_EQ(pat.GetSizeBuffer(), 23u);
+    EXPECT_LE(pat.GetSizeBuffer(), pat.m_lMaxSize);
+    for (size_t i = 23; i < storage.size(); ++i)
+        EXPECT_EQ(storage[i], 0xEE) << "byte " << i;
+}
+
+TEST(SectionRender, LengthBeyondTwelveBitsFailsEvenInALargeBuffer) {
+    mpegcore::CPAT pat(nullptr, 8192);
+    for (uint16_t i = 1; i <= 1100; ++i)  // section_length 9 + 4400 does not fit 12 bits
+        pat.program_map[uint16_t(0x20 + i)] = programOn(i, uint16_t(0x20 + i));
+    EXPECT_FALSE(pat.RenderTable());
+    EXPECT_LE(pat.GetSizeBuffer(), pat.m_lMaxSize);
+}
+
+TEST(SectionRender, EitWithMoreEventsThanTheBufferHoldsFails) {
+    mpegcore::CEIT eit(nullptr, 64);
+    for (int i = 0; i < 10; ++i)  // 15 + 10 x 12 bytes of section
+        eit.eventInfo.push_back(std::make_shared<mpegcore::CEventInfo>());
+    EXPECT_FALSE(eit.RenderTable());
+    EXPECT_EQ(eit.GetSizeBuffer(), 64u);
+
+    mpegcore::CEIT small(nullptr, 64);
+    small.eventInfo.push_back(std::make_shared<mpegcore::CEventInfo>());
+    EXPECT_TRUE(small.RenderTable());
+    EXPECT_EQ(small.GetSizeBuffer(), 30u);
+}
+
+TEST(SectionRender, TdtNeedsEightBytes) {
+    mpegcore::CTDT fits(nullptr, 8);
+    fits.table_id = 0x70;
+    EXPECT_TRUE(fits.RenderTable());
+    EXPECT_EQ(fits.GetSizeBuffer(), 8u);
+
+    mpegcore::CTDT cut(nullptr, 7);
+    cut.table_id = 0x70;
+    EXPECT_FALSE(cut.RenderTable());
+    EXPECT_EQ(cut.GetSizeBuffer(), 7u);
 }

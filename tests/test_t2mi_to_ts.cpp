@@ -210,6 +210,33 @@ TEST(T2MIToTS, PartialOf90DoesNotJoinSyncd87) {
     EXPECT_EQ(Bytes(d.out.begin() + kUP, d.out.end()), Bytes(second.begin() + 87, second.end()));
 }
 
+TEST(T2MIToTS, Syncd187WithEmptyPartialEmitsTheFirstPacket) {
+    const Bytes field = sequence(kUP * 2, 10);  // the first packet starts 187 bytes in
+    Decapsulator d(0);
+    d.feed(carrierOf({makeBBFramePacket(frameOf(0, field, kUP * 8), 0, {})}));
+    ASSERT_EQ(d.packets(), 2u);
+    EXPECT_EQ(d.out, field);
+    EXPECT_EQ(d.arrayTSPacket[0].Offset, 0);
+}
+
+TEST(T2MIToTS, Syncd187WithAPartialHeldEmitsNoJoin) {
+    Bytes first = sequence(kUP + 100, 0);
+    const Bytes second = sequence(kUP * 2, 10);
+    Decapsulator d(0);
+    d.feed(carrierOf({makeBBFramePacket(frameOf(0, first, 0), 0, {}),
+                      makeBBFramePacket(frameOf(0, second, kUP * 8), 1, {})}));
+    ASSERT_EQ(d.packets(), 2u);  // 100 + 187 is not 187
+    EXPECT_EQ(Bytes(d.out.begin() + kUP, d.out.end()), Bytes(second.begin() + kUP, second.end()));
+}
+
+TEST(T2MIToTS, Syncd187BeyondAShortFieldEmitsNothing) {
+    const Bytes field = sequence(100, 10);  // k is larger than the field
+    Decapsulator d(0);
+    d.feed(carrierOf({makeBBFramePacket(frameOf(0, field, kUP * 8), 0, {})}));
+    EXPECT_EQ(d.packets(), 0u);
+    EXPECT_EQ(d.frames.size(), 1u);
+}
+
 TEST(T2MIToTS, HeaderCrc8XorOneIsAcceptedAndTwoRejected) {
     const Bytes field = sequence(kUP, 0);
     for (uint8_t mode : {0, 1, 2, 0x80}) {

@@ -515,6 +515,60 @@ void decodeThroughDemux(const SectionBytes& section, uint16_t pid,
     dvbpsi_DetachDemux(handle.get());
 }
 
+// What libdvbpsi decoded from a NIT or a BAT: the id, the version, the first
+// descriptor loop and each transport stream with its descriptors.
+struct NetworkLoopResult {
+    int calls = 0;
+    uint16_t id = 0;
+    uint8_t version = 0;
+    SectionBytes descriptors;
+    std::vector<std::tuple<uint16_t, uint16_t, SectionBytes>> streams;
+};
+
+template <class Table>
+void collectNetworkLoop(void* data, uint16_t id, const Table* table) {
+    auto* r = static_cast<NetworkLoopResult*>(data);
+    r->calls++;
+    r->id = id;
+    r->version = table->i_version;
+    r->descriptors = descriptorBytes(table->p_first_descriptor);
+    for (const auto* t = table->p_first_ts; t; t = t->p_next)
+        r->streams.emplace_back(t->i_ts_id, t->i_orig_network_id, descriptorBytes(t->p_first_descriptor));
+}
+
+// Decodes a NIT (any table id but 0x4A) or a BAT (0x4A) section on pid.
+NetworkLoopResult decodeNetworkLoop(const SectionBytes& section, uint16_t pid, uint8_t tableId) {
+    NetworkLoopResult result;
+    decodeThroughDemux(section, pid, [&](dvbpsi_t* h, uint8_t id, uint16_t extension) {
+        if (id != tableId)
+            return;
+        if (tableId == 0x4A)
+            dvbpsi_bat_attach(h, id, extension, [](void* data, dvbpsi_bat_t* bat) {
+                collectNetworkLoop(data, bat->i_extension, bat);
+                dvbpsi_bat_delete(bat);
+            }, &result);
+        else
+            dvbpsi_nit_attach(h, id, extension, [](void* data, dvbpsi_nit_t* nit) {
+                collectNetworkLoop(data, nit->i_network_id, nit);
+                dvbpsi_nit_delete(nit);
+            }, &result);
+    });
+    return result;
+}
+
+// The decoded streams are ours, in order, each with kStreamDescriptors.
+template <class Streams>
+void expectStreams(const NetworkLoopResult& result, const Streams& ours) {
+    ASSERT_EQ(result.streams.size(), ours.size());
+    auto it = ours.begin();
+    for (const auto& [tsid, onid, descriptors] : result.streams) {
+        EXPECT_EQ(tsid, (*it)->transport_stream_id);
+        EXPECT_EQ(onid, (*it)->original_network_id);
+        EXPECT_EQ(descriptors, rawBytes(kStreamDescriptors));
+        ++it;
+    }
+}
+
 }  // namespace
 
 TEST(DvbpsiDecoded, RenderedSdt) {
@@ -606,40 +660,14 @@ TEST(DvbpsiDecoded, RenderedNit) {
         ASSERT_TRUE(vq_test::readLoop(stream->descriptors, rawBytes(kStreamDescriptors)));
         ours.transport_stream.push_back(stream);
     }
-    ours.RenderTable();
+    ASSERT_TRUE(ours.RenderTable());
 
-    struct Result {
-        int calls = 0;
-        uint16_t networkId = 0;
-        uint8_t version = 0;
-        SectionBytes descriptors;
-        std::vector<std::tuple<uint16_t, uint16_t, SectionBytes>> streams;
-    } result;
-    decodeThroughDemux(renderedBytes(ours), 0x10, [&](dvbpsi_t* h, uint8_t tableId, uint16_t extension) {
-        if (tableId == 0x40)
-            dvbpsi_nit_attach(h, tableId, extension, [](void* data, dvbpsi_nit_t* nit) {
-                auto* r = static_cast<Result*>(data);
-                r->calls++;
-                r->networkId = nit->i_network_id;
-                r->version = nit->i_version;
-                r->descriptors = descriptorBytes(nit->p_first_descriptor);
-                for (const dvbpsi_nit_ts_t* t = nit->p_first_ts; t; t = t->p_next)
-                    r->streams.emplace_back(t->i_ts_id, t->i_orig_network_id, descriptorBytes(t->p_first_descriptor));
-                dvbpsi_nit_delete(nit);
-            }, &result);
-    });
+    const NetworkLoopResult result = decodeNetworkLoop(renderedBytes(ours), 0x10, 0x40);
     ASSERT_EQ(result.calls, 1);
-    EXPECT_EQ(result.networkId, 0x3001);
+    EXPECT_EQ(result.id, 0x3001);
     EXPECT_EQ(result.version, 2);
     EXPECT_EQ(result.descriptors, rawBytes(kNetworkDescriptors));
-    ASSERT_EQ(result.streams.size(), 2u);
-    auto it = ours.transport_stream.begin();
-    for (const auto& [tsid, onid, descriptors] : result.streams) {
-        EXPECT_EQ(tsid, (*it)->transport_stream_id);
-        EXPECT_EQ(onid, (*it)->original_network_id);
-        EXPECT_EQ(descriptors, rawBytes(kStreamDescriptors));
-        ++it;
-    }
+    expectStreams(result, ours.transport_stream);
 }
 
 TEST(DvbpsiDecoded, RenderedEit) {
@@ -788,38 +816,12 @@ TEST(DvbpsiDecoded, RenderedBat) {
         ours.BouquetAssociationStreamList.push_back(stream);
         ASSERT_TRUE(vq_test::readLoop(stream->descriptors, rawBytes(kStreamDescriptors)));
     }
-    ours.RenderTable();
+    ASSERT_TRUE(ours.RenderTable());
 
-    struct Result {
-        int calls = 0;
-        uint16_t bouquetId = 0;
-        uint8_t version = 0;
-        SectionBytes descriptors;
-        std::vector<std::tuple<uint16_t, uint16_t, SectionBytes>> streams;
-    } result;
-    decodeThroughDemux(renderedBytes(ours), 0x11, [&](dvbpsi_t* h, uint8_t tableId, uint16_t extension) {
-        if (tableId == 0x4A)
-            dvbpsi_bat_attach(h, tableId, extension, [](void* data, dvbpsi_bat_t* bat) {
-                auto* r = static_cast<Result*>(data);
-                r->calls++;
-                r->bouquetId = bat->i_extension;
-                r->version = bat->i_version;
-                r->descriptors = descriptorBytes(bat->p_first_descriptor);
-                for (const dvbpsi_bat_ts_t* t = bat->p_first_ts; t; t = t->p_next)
-                    r->streams.emplace_back(t->i_ts_id, t->i_orig_network_id, descriptorBytes(t->p_first_descriptor));
-                dvbpsi_bat_delete(bat);
-            }, &result);
-    });
+    const NetworkLoopResult result = decodeNetworkLoop(renderedBytes(ours), 0x11, 0x4A);
     ASSERT_EQ(result.calls, 1);
-    EXPECT_EQ(result.bouquetId, 0x6001);
+    EXPECT_EQ(result.id, 0x6001);
     EXPECT_EQ(result.version, 30);
     EXPECT_EQ(result.descriptors, SectionBytes({0x47, 0x02, 'B', 'q'}));
-    ASSERT_EQ(result.streams.size(), 2u);
-    auto it = ours.BouquetAssociationStreamList.begin();
-    for (const auto& [tsid, onid, descriptors] : result.streams) {
-        EXPECT_EQ(tsid, (*it)->transport_stream_id);
-        EXPECT_EQ(onid, (*it)->original_network_id);
-        EXPECT_EQ(descriptors, rawBytes(kStreamDescriptors));
-        ++it;
-    }
+    expectStreams(result, ours.BouquetAssociationStreamList);
 }

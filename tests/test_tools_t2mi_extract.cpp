@@ -23,11 +23,6 @@ namespace {
 const std::string kTool = T2MI_EXTRACT_PATH;
 constexpr size_t kReferencePackets = 8386;
 
-std::vector<uint8_t> read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 class T2miExtract : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -47,7 +42,7 @@ TEST_F(T2miExtract, Plp102MatchesTheReferenceExtraction) {
     const auto result = vq_test::run_tool(kTool + " --plp 102 " + vq_test::shell_quote(m_in) + " " +
                                           vq_test::shell_quote(m_out), true);
     ASSERT_EQ(result.status, 0) << result.output;
-    const auto extracted = read_file(m_out);
+    const auto extracted = vq_test::readFile(m_out);
     const auto reference = vq_test::readDataFile("t2mi-plp102.reference-extracted.ts");
     ASSERT_EQ(reference.size(), kReferencePackets * 188);
     ASSERT_GE(extracted.size(), reference.size());
@@ -67,7 +62,7 @@ TEST_F(T2miExtract, WithoutPlpListsThePlpsAndExtractsTheOnlyOne) {
     const auto result = vq_test::run_tool(kTool + " " + vq_test::shell_quote(m_in) + " " + vq_test::shell_quote(m_out));
     EXPECT_EQ(result.status, 0);
     const auto reference = vq_test::readDataFile("t2mi-plp102.reference-extracted.ts");
-    const auto extracted = read_file(m_out);
+    const auto extracted = vq_test::readFile(m_out);
     ASSERT_GE(extracted.size(), reference.size());
     EXPECT_TRUE(std::equal(reference.begin(), reference.end(), extracted.begin()));
 }
@@ -190,8 +185,8 @@ TEST_F(T2miExtractAll, EveryPlpGoesToItsOwnFile) {
     const auto result = vq_test::run_tool(kTool + " --plp all " + vq_test::shell_quote(carrier) + " " +
                                           vq_test::shell_quote(m_dir + "/plp%d.ts"), true);
     ASSERT_EQ(result.status, 0) << result.output;
-    EXPECT_EQ(read_file(one), plps[1]);
-    EXPECT_EQ(read_file(two), plps[2]);
+    EXPECT_EQ(vq_test::readFile(one), plps[1]);
+    EXPECT_EQ(vq_test::readFile(two), plps[2]);
     EXPECT_EQ(files(), (std::vector<std::string>{"plp1.ts", "plp2.ts"}));
     EXPECT_NE(result.output.find("PLP 1: 300 packets written to " + one), std::string::npos) << result.output;
     EXPECT_NE(result.output.find("PLP 2: 210 packets written to " + two), std::string::npos) << result.output;
@@ -205,7 +200,7 @@ TEST_F(T2miExtractAll, ThePatternMayGiveAWidth) {
     const auto result = vq_test::run_tool(kTool + " --plp all " + vq_test::shell_quote(carrier) + " " +
                                           vq_test::shell_quote(m_dir + "/plp-%03d.ts"), true);
     ASSERT_EQ(result.status, 0) << result.output;
-    EXPECT_EQ(read_file(m_dir + "/plp-002.ts"), plps[2]);
+    EXPECT_EQ(vq_test::readFile(m_dir + "/plp-002.ts"), plps[2]);
     EXPECT_EQ(files(), (std::vector<std::string>{"plp-001.ts", "plp-002.ts"}));
 }
 
@@ -229,7 +224,7 @@ TEST_F(T2miExtractAll, TheCaptureGivesItsOnePlpEqualToTheReference) {
     ASSERT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(files(), std::vector<std::string>{"plp102.ts"});
     const auto reference = vq_test::readDataFile("t2mi-plp102.reference-extracted.ts");
-    const auto extracted = read_file(out);
+    const auto extracted = vq_test::readFile(out);
     ASSERT_GE(extracted.size(), reference.size());
     EXPECT_TRUE(std::equal(reference.begin(), reference.end(), extracted.begin()));
 }
@@ -249,14 +244,14 @@ TEST_F(T2miExtractAll, AGivenPidFindsAT2miStreamThatNoPsiAnnounces) {
     const auto one = vq_test::run_tool(kTool + " --pid 64 --plp 2 " + vq_test::shell_quote(carrier) + " " +
                                        vq_test::shell_quote(two), true);
     ASSERT_EQ(one.status, 0) << one.output;
-    EXPECT_EQ(read_file(two), plps[2]);
+    EXPECT_EQ(vq_test::readFile(two), plps[2]);
 
     plp_file(1);
     const auto all = vq_test::run_tool(kTool + " --pid 64 --plp all " + vq_test::shell_quote(carrier) + " " +
                                        vq_test::shell_quote(m_dir + "/plp%d.ts"), true);
     ASSERT_EQ(all.status, 0) << all.output;
-    EXPECT_EQ(read_file(m_dir + "/plp1.ts"), plps[1]);
-    EXPECT_EQ(read_file(two), plps[2]);
+    EXPECT_EQ(vq_test::readFile(m_dir + "/plp1.ts"), plps[1]);
+    EXPECT_EQ(vq_test::readFile(two), plps[2]);
 
     const auto wrong = vq_test::run_tool(kTool + " --pid 65 " + vq_test::shell_quote(carrier));
     EXPECT_EQ(wrong.status, 1);
@@ -273,7 +268,7 @@ TEST_F(T2miExtractAll, AGivenPidOverridesThePmtOfTheCapture) {
     // Without a PMT to wait for, collection starts with the first T2-MI
     // packet, so the reference extraction follows some earlier packets.
     const auto reference = vq_test::readDataFile("t2mi-plp102.reference-extracted.ts");
-    const auto extracted = read_file(out);
+    const auto extracted = vq_test::readFile(out);
     const auto found = std::search(extracted.begin(), extracted.end(), reference.begin(), reference.end());
     ASSERT_NE(found, extracted.end()) << "the reference packets are not in the extraction";
     const size_t before = static_cast<size_t>(found - extracted.begin());

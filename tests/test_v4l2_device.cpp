@@ -17,12 +17,14 @@
 #include <thread>
 #include <vector>
 
+#include "support/print_capture.h"
 #include "support/test_data.h"
 #include "vq_asi_capture/vq_v4l2_asi_input_device.h"
 #include "vqasisim_testing.h"
 
 namespace {
 
+using vq_test::print_capture;
 using vqasisim_testing::read_summary;
 using vqasisim_testing::scoped_env;
 using vqasisim_testing::summary;
@@ -30,23 +32,6 @@ using vqasisim_testing::summary;
 const char* const kDevice = "/dev/vqasi-dev0";
 const char* const kInput = "live-012.ts";
 constexpr uint32_t kFrameSize = 18800;
-
-// Everything g_print writes while alive.
-class print_capture {
-public:
-    print_capture() {
-        s_text.clear();
-        m_previous = g_set_print_handler(&print_capture::append);
-    }
-    ~print_capture() { g_set_print_handler(m_previous); }
-    const std::string& text() const { return s_text; }
-
-private:
-    static void append(const gchar* text) { s_text += text; }
-    static std::string s_text;
-    GPrintFunc m_previous;
-};
-std::string print_capture::s_text;
 
 std::string summary_file() { return vqasisim_testing::test_summary_file(); }
 
@@ -75,7 +60,7 @@ std::string device_messages(const std::map<std::string, std::string>& extra, boo
     vq_v4l2_asi_input_device dev;
     EXPECT_EQ(dev.open_device(kDevice), expect_open);
     EXPECT_EQ(dev.is_open(), expect_open);
-    return capture.text();
+    return capture.str();
 }
 
 const std::string kOpened = std::string("vqasicapture: Open asi device: ") + kDevice + "\n";
@@ -100,7 +85,7 @@ TEST(V4l2AsiDevice, MissingPathIsReported) {
     vq_v4l2_asi_input_device dev;
     EXPECT_FALSE(dev.open_device("/dev/vqasi-missing"));
     EXPECT_FALSE(dev.is_open());
-    EXPECT_EQ(capture.text(), "vqasicapture: Can't open asi device: /dev/vqasi-missing\n");
+    EXPECT_EQ(capture.str(), "vqasicapture: Can't open asi device: /dev/vqasi-missing\n");
 }
 
 TEST(V4l2AsiDevice, OpenSetsMpegFormatAndMapsThirtyTwoBuffers) {
@@ -110,7 +95,7 @@ TEST(V4l2AsiDevice, OpenSetsMpegFormatAndMapsThirtyTwoBuffers) {
         print_capture capture;
         vq_v4l2_asi_input_device dev;
         ASSERT_TRUE(dev.open_device(kDevice));
-        EXPECT_EQ(capture.text(), kOpened);
+        EXPECT_EQ(capture.str(), kOpened);
         EXPECT_EQ(dev.device_type(), V4L2_BUF_TYPE_VIDEO_CAPTURE);
         EXPECT_EQ(dev.video_format().pixelformat, uint32_t(V4L2_PIX_FMT_MPEG));
         EXPECT_EQ(dev.video_format().sizeimage, kFrameSize);
@@ -199,7 +184,7 @@ TEST(V4l2AsiDevice, MultiPlanarOnlyDriverIsDrivenMultiPlanarThroughout) {
         print_capture capture;
         vq_v4l2_asi_input_device dev;
         ASSERT_TRUE(dev.open_device(kDevice));
-        EXPECT_EQ(capture.text(), kOpened);
+        EXPECT_EQ(capture.str(), kOpened);
         EXPECT_EQ(dev.device_type(), V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE);
         EXPECT_EQ(dev.video_format().pixelformat, uint32_t(V4L2_PIX_FMT_MPEG));
         ASSERT_EQ(dev.buffers().size(), 32u);
@@ -396,7 +381,7 @@ TEST(V4l2AsiDeviceMessages, MultiPlanarMappingFailureIsNotFatal) {
     print_capture capture;
     vq_v4l2_asi_input_device dev;
     ASSERT_TRUE(dev.open_device(kDevice));
-    EXPECT_EQ(capture.text(), kOpened + "vqasicapture: Can't map field[0] for bufer #3/4\n" +
+    EXPECT_EQ(capture.str(), kOpened + "vqasicapture: Can't map field[0] for bufer #3/4\n" +
                                   "vqasicapture: Can't map field[0] for bufer #4/4\n");
     ASSERT_EQ(dev.buffers().size(), 4u);
     EXPECT_NE(dev.buffers()[0].pData, nullptr);
@@ -422,7 +407,7 @@ TEST(V4l2AsiDeviceMessages, EveryMultiPlanarMappingFailing) {
     std::string expected = kOpened;
     for (int i = 1; i <= 32; ++i)
         expected += "vqasicapture: Can't map field[0] for bufer #" + std::to_string(i) + "/32\n";
-    EXPECT_EQ(capture.text(), expected);
+    EXPECT_EQ(capture.str(), expected);
     EXPECT_EQ(dev.get_buffer_size(), 0u);
 }
 
@@ -431,7 +416,7 @@ TEST(V4l2AsiDeviceMessages, SinglePlanarMappingFailureIsSilent) {
     print_capture capture;
     vq_v4l2_asi_input_device dev;
     ASSERT_TRUE(dev.open_device(kDevice));
-    EXPECT_EQ(capture.text(), kOpened);
+    EXPECT_EQ(capture.str(), kOpened);
     ASSERT_EQ(dev.buffers().size(), 2u);
     EXPECT_EQ(dev.buffers()[0].pData, nullptr);
     ASSERT_TRUE(dev.start_capture());
@@ -479,7 +464,7 @@ TEST(V4l2AsiDeviceMessages, DequeueAndStreamOffRefused) {
         dev.stop_capture();
         dev.close_device();
         EXPECT_FALSE(dev.is_open());
-        EXPECT_EQ(capture.text(), kOpened);
+        EXPECT_EQ(capture.str(), kOpened);
     }
     summary s = read_summary(file, kDevice);
     EXPECT_EQ(s.ioctl_calls("STREAMOFF").second, s.ioctl_calls("STREAMOFF").first);

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "mpegcore/T2MIToTS.h"
+#include "support/print_capture.h"
 #include "vq_asi_capture/vq_base_statistics.h"
 #include "vqasisim_testing.h"
 
@@ -33,38 +34,7 @@ inline void init_gstreamer() {
     std::call_once(once, [] { gst_init(nullptr, nullptr); });
 }
 
-// Everything the element prints with g_print while an instance is alive.
-class print_capture {
-public:
-    print_capture() {
-        std::lock_guard<std::mutex> lock(mutex());
-        text().clear();
-        m_previous = g_set_print_handler(&print_capture::on_print);
-    }
-    ~print_capture() { g_set_print_handler(m_previous); }
-    print_capture(const print_capture&) = delete;
-    print_capture& operator=(const print_capture&) = delete;
-
-    std::string str() const {
-        std::lock_guard<std::mutex> lock(mutex());
-        return text();
-    }
-
-private:
-    static void on_print(const gchar* line) {
-        std::lock_guard<std::mutex> lock(mutex());
-        text() += line;
-    }
-    static std::mutex& mutex() {
-        static std::mutex m;
-        return m;
-    }
-    static std::string& text() {
-        static std::string t;
-        return t;
-    }
-    GPrintFunc m_previous;
-};
+using vq_test::print_capture;
 
 // Messages GLib logs at warning or critical level under one domain, kept instead of printed.
 class log_capture {

@@ -11,10 +11,14 @@ std::string dataPath(const std::string& name) {
     return std::string(VQ_TEST_DATA_DIR) + "/" + name;
 }
 
-std::vector<uint8_t> readDataFile(const std::string& name) {
-    std::ifstream in(dataPath(name), std::ios::binary);
-    EXPECT_TRUE(in.good()) << "cannot open " << dataPath(name);
+std::vector<uint8_t> readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<uint8_t> readDataFile(const std::string& name) {
+    EXPECT_TRUE(std::ifstream(dataPath(name)).good()) << "cannot open " << dataPath(name);
+    return readFile(dataPath(name));
 }
 
 }  // namespace vq_test

@@ -41,7 +41,8 @@ public:
     uint16_t calc_section_length() const override;
 
     // Writes the section with every loop length taken from the lists.
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CBAT* target) const;
     // Bytes of the transport stream loop: 6 + descriptors per entry.
     uint16_t calc_transport_stream_loop_length() const;

@@ -128,6 +128,13 @@ public:
     virtual void OnNULL(transport_packet*) {}
     virtual void onOtherPid(transport_packet*) {}
 
+    // How each PID is reported is worked out once from the last PAT, CAT and
+    // PMTs and kept until one of their wrappers changes (Parser, set, Clear,
+    // or the parser adding or dropping a PMT). Change those tables through the
+    // wrappers, or inside the table callbacks (OnPAT, OnPMT, OnCAT), which run
+    // before any PID is worked out again: a table edited in place at any
+    // other time is not followed, and entries removed that way may still be
+    // referred to.
     CPacketWrapper<CPAT> m_PAT;
     CPacketWrapper<CCAT> m_CAT;
     CPacketWrapper<CTSDT> m_TSDT;

@@ -48,6 +48,11 @@ uint16_t CBaseMpegTable::calc_section_length() const {
     return section_length;
 }
 
+bool CBaseMpegTable::sameSectionHeader(const CBaseMpegTable& other) const {
+    return table_id == other.table_id && section_syntax_indicator == other.section_syntax_indicator &&
+           zero == other.zero && section_length == other.section_length;
+}
+
 BOOL CBaseMpegTable::AddData(const unsigned char* data, unsigned long size) {
     if (!m_pDataTable || m_lSizeTable + size >= m_lMaxSize)
         return 0;
@@ -68,19 +73,25 @@ bool CBaseMpegTable::isCompleteWithValidCRC(const unsigned char* start,
     return crc32_mpeg2(start, sectionSize) == 0;
 }
 
-uint32_t CBaseMpegTable::finishRender(VQSDK::VQBSWriterT<unsigned char*>& writer) {
+bool CBaseMpegTable::finishRender(VQSDK::VQBSWriterT<unsigned char*>& writer, uint32_t& crc) {
     writer.flush();
     // The CRC covers header and body: section_length + 3 - 4 bytes, bounded by the buffer.
     size_t covered = section_length >= 1 ? size_t(section_length) - 1 : 0;
     if (covered > m_lMaxSize)
         covered = m_lMaxSize;
-    const uint32_t crc = crc32_mpeg2(m_pDataTable, covered);
+    crc = crc32_mpeg2(m_pDataTable, covered);
     const size_t crcAt = size_t(section_length) - 1;
     for (size_t i = 0; i < 4; ++i)
         if (section_length >= 1 && crcAt + i < m_lMaxSize)
             m_pDataTable[crcAt + i] = static_cast<unsigned char>(crc >> (24 - 8 * i));
-    m_lSizeTable = size_t(section_length) + 3;
-    return crc;
+    return setRenderedSize();
+}
+
+bool CBaseMpegTable::setRenderedSize() {
+    const size_t sectionSize = size_t(section_length) + 3;
+    const bool fits = section_length <= 0xFFF && sectionSize <= m_lMaxSize;
+    m_lSizeTable = sectionSize <= m_lMaxSize ? sectionSize : m_lMaxSize;
+    return fits;
 }
 
 }  // namespace mpegcore

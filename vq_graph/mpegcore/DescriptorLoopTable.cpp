@@ -33,7 +33,7 @@ uint16_t CDescriptorLoopTable::calc_section_length() const {
     return static_cast<uint16_t>(9 + descriptors.getSize());
 }
 
-void CDescriptorLoopTable::RenderTable() {
+bool CDescriptorLoopTable::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     CMpegMisc::put_bits<18>(writer, reserved1);
@@ -42,7 +42,7 @@ void CDescriptorLoopTable::RenderTable() {
     CMpegMisc::put_bits<8>(writer, section_number);
     CMpegMisc::put_bits<8>(writer, last_section_number);
     descriptors.write(writer);
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CDescriptorLoopTable::copyTo(CDescriptorLoopTable* target) const {

@@ -20,7 +20,8 @@ public:
     bool read(VQSDK::VQBSReaderT<unsigned char*>& reader) override;
     uint16_t calc_section_length() const override;
 
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CDescriptorLoopTable* target) const;
 
     uint32_t reserved1 = 0;

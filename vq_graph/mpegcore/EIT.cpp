@@ -70,9 +70,7 @@ bool CEIT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     const unsigned char* start = reader.getData();
     if (!CMpegMisc::read_section_header(*this, reader) || !isCompleteWithValidCRC(start, reader))
         return false;
-    if (!(reader.getBits<16>(service_id) && reader.getBits<2>(reserved1) && reader.getBits<5>(version_number) &&
-          reader.getBits<1>(current_next_indicator) && reader.getBits<8>(section_number) &&
-          reader.getBits<8>(last_section_number) && reader.getBits<16>(transport_stream_id) &&
+    if (!(readLongHeader(reader, service_id, *this) && reader.getBits<16>(transport_stream_id) &&
           reader.getBits<16>(original_network_id) && reader.getBits<8>(segment_last_section_number) &&
           reader.getBits<8>(last_table_id)))
         return false;
@@ -92,10 +90,7 @@ bool CEIT::write(VQSDK::VQBSWriterT<unsigned char*>& writer) {
     writer.flush();
     unsigned char* sectionStart = writer.getData();
     CBaseMpegTable::write(writer);
-    if (CMpegMisc::put_bits<16>(writer, service_id) && CMpegMisc::put_bits<2>(writer, reserved1) &&
-        CMpegMisc::put_bits<5>(writer, version_number) && CMpegMisc::put_bits<1>(writer, current_next_indicator) &&
-        CMpegMisc::put_bits<8>(writer, section_number) && CMpegMisc::put_bits<8>(writer, last_section_number) &&
-        CMpegMisc::put_bits<16>(writer, transport_stream_id) &&
+    if (writeLongHeader(writer, service_id, *this) && CMpegMisc::put_bits<16>(writer, transport_stream_id) &&
         CMpegMisc::put_bits<16>(writer, original_network_id) &&
         CMpegMisc::put_bits<8>(writer, segment_last_section_number) && CMpegMisc::put_bits<8>(writer, last_table_id))
         for (const auto& event : eventInfo)
@@ -114,20 +109,15 @@ uint16_t CEIT::calc_section_length() const {
     return static_cast<uint16_t>(length);
 }
 
-void CEIT::RenderTable() {
+bool CEIT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
-    m_lSizeTable = size_t(section_length) + 3;
+    return setRenderedSize();
 }
 
 void CEIT::copyTo(CEIT* target) const {
-    CMpegMisc::copy_section_header(*this, *target);
+    copyLongHeader(*this, *target);
     target->service_id = service_id;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
     target->transport_stream_id = transport_stream_id;
     target->original_network_id = original_network_id;
     target->segment_last_section_number = segment_last_section_number;

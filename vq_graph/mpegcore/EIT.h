@@ -61,7 +61,8 @@ public:
     uint16_t calc_section_length() const override;
 
     // write() into the table's own buffer.
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CEIT* target) const;
 
     uint16_t service_id = 0;

@@ -33,13 +33,15 @@ public:
     CNIT(unsigned char* buffer, unsigned long size) : CBaseMpegTable(buffer, size) {}
 
     void Clear() override;
-    // table_id is not checked. The descriptor lists' own results are not
-    // examined; a loop longer than the data fails the read.
+    // table_id is not checked. Fails only on the section length, the CRC and
+    // a loop longer than the data (the descriptor lists' own results and
+    // fields that run out of data are not examined).
     bool read(VQSDK::VQBSReaderT<unsigned char*>& reader) override;
     uint16_t calc_section_length() const override;
 
     // Writes the section with every loop length taken from the lists.
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CNIT* target) const;
     // Bytes of the transport stream loop: 6 + descriptors per entry.
     uint16_t calc_transport_stream_loop_length() const;

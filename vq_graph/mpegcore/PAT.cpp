@@ -13,9 +13,7 @@ bool CPAT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     const unsigned char* start = reader.getData();
     if (!CMpegMisc::read_section_header(*this, reader) || !isCompleteWithValidCRC(start, reader))
         return false;
-    if (!(reader.getBits<16>(transport_stream_id) && reader.getBits<2>(reserved1) &&
-          reader.getBits<5>(version_number) && reader.getBits<1>(current_next_indicator) &&
-          reader.getBits<8>(section_number) && reader.getBits<8>(last_section_number)))
+    if (!readLongHeader(reader, transport_stream_id, *this))
         return false;
     if (section_length > 12) {
         const int entries = (section_length - 9) / 4;
@@ -36,41 +34,29 @@ uint16_t CPAT::calc_section_length() const {
     return static_cast<uint16_t>(9 + 4 * program_map.size());
 }
 
-void CPAT::RenderTable() {
+bool CPAT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
-    CMpegMisc::put_bits<16>(writer, transport_stream_id);
-    CMpegMisc::put_bits<2>(writer, reserved1);
-    CMpegMisc::put_bits<5>(writer, version_number);
-    CMpegMisc::put_bits<1>(writer, current_next_indicator);
-    CMpegMisc::put_bits<8>(writer, section_number);
-    CMpegMisc::put_bits<8>(writer, last_section_number);
+    writeLongHeader(writer, transport_stream_id, *this);
     for (const auto& [pid, program] : program_map) {
         CMpegMisc::put_bits<16>(writer, program.program_number);
         CMpegMisc::put_bits<3>(writer, program.reserved);
         CMpegMisc::put_bits<13>(writer, pid);
     }
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CPAT::copyTo(CPAT* target) const {
-    CMpegMisc::copy_section_header(*this, *target);
+    copyLongHeader(*this, *target);
     target->transport_stream_id = transport_stream_id;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
     target->program_map = program_map;
     target->CRC = CRC;
 }
 
 int CPAT::operator!=(const CPAT& other) const {
-    return table_id != other.table_id || section_syntax_indicator != other.section_syntax_indicator ||
-           zero != other.zero || section_length != other.section_length ||
-           transport_stream_id != other.transport_stream_id || version_number != other.version_number ||
-           current_next_indicator != other.current_next_indicator || section_number != other.section_number ||
-           last_section_number != other.last_section_number || program_map.size() != other.program_map.size();
+    return !sameSectionHeader(other) || transport_stream_id != other.transport_stream_id ||
+           !sameVersion(*this, other) || section_number != other.section_number ||
+           program_map.size() != other.program_map.size();
 }
 
 }  // namespace mpegcore

@@ -19,7 +19,8 @@ public:
     bool read(VQSDK::VQBSReaderT<unsigned char*>& reader) override;
     uint16_t calc_section_length() const override;
 
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CPAT* target) const;
     // Whether the table changed: header, version and section fields and the
     // number of entries; the entries themselves are not compared.

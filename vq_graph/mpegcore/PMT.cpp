@@ -29,11 +29,8 @@ bool CPMT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     if (!CMpegMisc::read_section_header(*this, reader) || table_id != 0x02 || zero != 0 ||
         !isCompleteWithValidCRC(start, reader))
         return false;
-    if (!(reader.getBits<16>(program_number) && reader.getBits<2>(reserved1) &&
-          reader.getBits<5>(version_number) && reader.getBits<1>(current_next_indicator) &&
-          reader.getBits<8>(section_number) && reader.getBits<8>(last_section_number) &&
-          reader.getBits<3>(reserved2) && reader.getBits<13>(PCR_PID) && reader.getBits<4>(reserved3) &&
-          reader.getBits<12>(program_info_length)))
+    if (!(readLongHeader(reader, program_number, *this) && reader.getBits<3>(reserved2) &&
+          reader.getBits<13>(PCR_PID) && reader.getBits<4>(reserved3) && reader.getBits<12>(program_info_length)))
         return false;
     if (program_info_length != 0 &&
         CMpegMisc::read_descriptor_loop(reader, program_info_length, descriptors) ==
@@ -64,15 +61,10 @@ uint16_t CPMT::calc_section_length() const {
     return static_cast<uint16_t>(length);
 }
 
-void CPMT::RenderTable() {
+bool CPMT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
-    CMpegMisc::put_bits<16>(writer, program_number);
-    CMpegMisc::put_bits<2>(writer, reserved1);
-    CMpegMisc::put_bits<5>(writer, version_number);
-    CMpegMisc::put_bits<1>(writer, current_next_indicator);
-    CMpegMisc::put_bits<8>(writer, section_number);
-    CMpegMisc::put_bits<8>(writer, last_section_number);
+    writeLongHeader(writer, program_number, *this);
     CMpegMisc::put_bits<3>(writer, reserved2);
     CMpegMisc::put_bits<13>(writer, PCR_PID);
     CMpegMisc::put_bits<4>(writer, reserved3);
@@ -88,17 +80,12 @@ void CPMT::RenderTable() {
         CMpegMisc::put_bits<12>(writer, stream->ES_info_length);
         stream->descriptors.write(writer);
     }
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CPMT::copyTo(CPMT* target) const {
-    CMpegMisc::copy_section_header(*this, *target);
+    copyLongHeader(*this, *target);
     target->program_number = program_number;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
     target->reserved2 = reserved2;
     target->PCR_PID = PCR_PID;
     target->reserved3 = reserved3;
@@ -115,11 +102,8 @@ void CPMT::copyTo(CPMT* target) const {
 }
 
 int CPMT::operator!=(const CPMT& other) const {
-    return table_id != other.table_id || section_syntax_indicator != other.section_syntax_indicator ||
-           zero != other.zero || section_length != other.section_length ||
-           program_number != other.program_number || reserved1 != other.reserved1 ||
-           version_number != other.version_number || current_next_indicator != other.current_next_indicator ||
-           last_section_number != other.last_section_number || reserved2 != other.reserved2 ||
+    return !sameSectionHeader(other) || program_number != other.program_number || reserved1 != other.reserved1 ||
+           !sameVersion(*this, other) || reserved2 != other.reserved2 ||
            PCR_PID != other.PCR_PID || reserved3 != other.reserved3 ||
            program_info_length != other.program_info_length || stream_map.size() != other.stream_map.size();
 }

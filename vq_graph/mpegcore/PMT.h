@@ -39,7 +39,8 @@ public:
 
     // Writes the section with program_info_length and every ES_info_length
     // taken from the descriptor lists.
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CPMT* target) const;
     // Whether the program changed: header and program fields and the number
     // of streams. section_number, the descriptors and the streams' contents

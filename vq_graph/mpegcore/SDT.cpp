@@ -29,28 +29,30 @@ bool CSDT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     const unsigned char* start = reader.getData();
     if (!CMpegMisc::read_section_header(*this, reader) || !isCompleteWithValidCRC(start, reader))
         return false;
-    if (!(reader.getBits<16>(transport_stream_id) && reader.getBits<2>(reserved1) &&
-          reader.getBits<5>(version_number) && reader.getBits<1>(current_next_indicator) &&
-          reader.getBits<8>(section_number) && reader.getBits<8>(last_section_number) &&
-          reader.getBits<16>(original_network_id) && reader.getBits<8>(reserved_future_use1)))
-        return false;
+    // Past the length and CRC tests only a loop longer than the data fails;
+    // a field that runs out of data does not.
+    readLongHeader(reader, transport_stream_id, *this);
+    reader.getBits<16>(original_network_id);
+    reader.getBits<8>(reserved_future_use1);
     // The service loop ends 4 bytes before the section does (the CRC).
     int left = int(section_length) - 12;
     while (left > 4) {
         auto service = std::make_shared<CServiceDescriptionSection>();
-        if (!(reader.getBits<16>(service->service_id) && reader.getBits<6>(service->reserved_future_use) &&
-              reader.getBits<1>(service->EIT_schedule_flag) &&
-              reader.getBits<1>(service->EIT_present_following_flag) &&
-              reader.getBits<3>(service->running_status) && reader.getBits<1>(service->free_CA_mode) &&
-              reader.getBits<12>(service->descriptors_loop_length)))
-            return false;
+        reader.getBits<16>(service->service_id);
+        reader.getBits<6>(service->reserved_future_use);
+        reader.getBits<1>(service->EIT_schedule_flag);
+        reader.getBits<1>(service->EIT_present_following_flag);
+        reader.getBits<3>(service->running_status);
+        reader.getBits<1>(service->free_CA_mode);
+        reader.getBits<12>(service->descriptors_loop_length);
         if (CMpegMisc::read_descriptor_loop(reader, service->descriptors_loop_length, service->descriptors) ==
             CMpegMisc::loop_result::too_long)
             return false;
         left -= service->descriptors_loop_length + 5;
         sds[service->service_id] = service;
     }
-    return reader.getBits<32>(CRC);
+    reader.getBits<32>(CRC);
+    return true;
 }
 
 uint16_t CSDT::calc_section_length() const {
@@ -60,15 +62,10 @@ uint16_t CSDT::calc_section_length() const {
     return static_cast<uint16_t>(length);
 }
 
-void CSDT::RenderTable() {
+bool CSDT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
-    CMpegMisc::put_bits<16>(writer, transport_stream_id);
-    CMpegMisc::put_bits<2>(writer, reserved1);
-    CMpegMisc::put_bits<5>(writer, version_number);
-    CMpegMisc::put_bits<1>(writer, current_next_indicator);
-    CMpegMisc::put_bits<8>(writer, section_number);
-    CMpegMisc::put_bits<8>(writer, last_section_number);
+    writeLongHeader(writer, transport_stream_id, *this);
     CMpegMisc::put_bits<16>(writer, original_network_id);
     CMpegMisc::put_bits<8>(writer, reserved_future_use1);
     for (const auto& [id, service] : sds) {
@@ -82,17 +79,12 @@ void CSDT::RenderTable() {
         CMpegMisc::put_bits<12>(writer, service->descriptors_loop_length);
         service->descriptors.write(writer);
     }
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CSDT::copyTo(CSDT* target) const {
-    CMpegMisc::copy_section_header(*this, *target);
+    copyLongHeader(*this, *target);
     target->transport_stream_id = transport_stream_id;
-    target->reserved1 = reserved1;
-    target->version_number = version_number;
-    target->current_next_indicator = current_next_indicator;
-    target->section_number = section_number;
-    target->last_section_number = last_section_number;
     target->original_network_id = original_network_id;
     target->reserved_future_use1 = reserved_future_use1;
     target->sds.clear();

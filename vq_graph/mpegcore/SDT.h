@@ -36,13 +36,15 @@ public:
 
     void Clear() override;
     // table_id is not checked; a later service with the same id replaces the
-    // earlier one.
+    // earlier one. Fails only on the section length, the CRC and a loop longer
+    // than the data.
     bool read(VQSDK::VQBSReaderT<unsigned char*>& reader) override;
     uint16_t calc_section_length() const override;
 
     // Writes the services in ascending service_id order with their loop
     // lengths taken from the lists.
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CSDT* target) const;
 
     uint16_t transport_stream_id = 0;

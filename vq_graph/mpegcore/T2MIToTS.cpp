@@ -178,7 +178,8 @@ void CT2MIToTS::ParserBBFrame(unsigned char* payload, size_t size) {
     size_t pos = 0;
     const size_t k = bb.SYNCD / 8u;
     if (k) {
-        if (k <= fieldSize && k < user_packet_size && partial.Offset == user_packet_size - k) {
+        // k of 187 with an empty partial is a whole packet that starts the field.
+        if (k <= fieldSize && k <= user_packet_size && partial.Offset == user_packet_size - k) {
             std::memcpy(partial.pData.get() + partial.Offset, field, k);
             OnTS(plp, partial.pData.get(), user_packet_size);
             partial.Offset = 0;

@@ -19,12 +19,12 @@ bool CTDT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     return reader.getBits<40>(UTC_time);
 }
 
-void CTDT::RenderTable() {
+bool CTDT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     CMpegMisc::put_bits<40>(writer, UTC_time);
     writer.flush();
-    m_lSizeTable = size_t(section_length) + 3;
+    return setRenderedSize();
 }
 
 void CTDT::copyTo(CTDT* target) const {

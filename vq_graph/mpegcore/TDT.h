@@ -19,7 +19,8 @@ public:
     bool read(VQSDK::VQBSReaderT<unsigned char*>& reader) override;
     uint16_t calc_section_length() const override { return 5; }
 
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     // Copies the header bits and the time; the target's section_length becomes 5.
     void copyTo(CTDT* target) const;
 

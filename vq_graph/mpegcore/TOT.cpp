@@ -29,7 +29,7 @@ uint16_t CTOT::calc_section_length() const {
     return static_cast<uint16_t>(11 + descriptors.getSize());
 }
 
-void CTOT::RenderTable() {
+bool CTOT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);
     write(writer);
     CMpegMisc::put_bits<40>(writer, UTC_time);
@@ -37,7 +37,7 @@ void CTOT::RenderTable() {
     descriptors_loop_length = descriptors.getSize();
     CMpegMisc::put_bits<12>(writer, descriptors_loop_length);
     descriptors.write(writer);
-    CRC = finishRender(writer);
+    return finishRender(writer, CRC);
 }
 
 void CTOT::copyTo(CTOT* target) const {

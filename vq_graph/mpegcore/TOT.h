@@ -20,7 +20,8 @@ public:
     uint16_t calc_section_length() const override;
 
     // Writes the section with descriptors_loop_length taken from the list.
-    void RenderTable();
+    // False when the section does not fit the buffer; m_lSizeTable stays within it.
+    bool RenderTable();
     void copyTo(CTOT* target) const;
 
     // 16-bit MJD and six BCD digits hhmmss, as transmitted.

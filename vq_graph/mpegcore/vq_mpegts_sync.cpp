@@ -62,59 +62,71 @@ bool vq_mpegts_sync::completeHeldPacket(uint64_t tStart, uint64_t tStop, uint8_t
 }
 
 void vq_mpegts_sync::processing(uint8_t* data, size_t size, size_t runOffset) {
-    size_t cur = 0;    // start of the candidate packet
-    size_t probe = 0;  // sync byte being checked
-    size_t cand = ts_packet_size;
-    size_t k = 0;      // sync bytes in a row at spacing cand
+    run_position at;
     if (size >= ts_packet_size) {
-        for (;;) {
-            if (!m_bSync) {
-                if (data[probe] != sync_byte) {
-                    if (k == 0) {
-                        ++m_nCountBadByte;
-                        probe = ++cur;
-                    } else if (cand == ts_packet_size) {
-                        cand = rs_packet_size;  // same start, wider spacing
-                        probe = cur;
-                    } else {
-                        cand = ts_packet_size;
-                        ++m_nCountBadByte;
-                        probe = ++cur;
-                    }
-                    k = 0;
-                } else if (++k < m_nMaxCountSyncPkt) {
-                    if (k == 1)
-                        cur = probe;
-                    probe += cand;
-                } else {
-                    m_bSync = true;
-                    m_nPacketSize = cand;
-                    probe = cur;
-                    k = 0;
-                }
-            } else if (data[cur] != sync_byte) {
-                m_bSync = false;
-                probe = cur;
-                k = 0;
-            } else {
-                // A locked packet is delivered only when it lies wholly in the run.
-                if (size - cur < m_nPacketSize)
-                    break;
-                m_fCallback(timeAt(runOffset + cur), data + cur, m_nPacketSize);
-                cur += m_nPacketSize;
-                probe = cur;
-            }
-            const size_t need = m_bSync ? m_nPacketSize : cand;
-            if (probe > size || size - probe < need)
-                break;
-        }
+        bool bytesLeft = true;
+        while (bytesLeft)
+            bytesLeft = m_bSync ? deliverLockedPackets(data, size, runOffset, at) : findLock(data, size, at);
     }
-    const size_t rest = size - cur;
+    const size_t rest = size - at.packetStart;
     if (rest) {
-        if (data != m_pTail.get() || cur != 0)
-            std::memmove(m_pTail.get(), data + cur, rest);
+        if (data != m_pTail.get() || at.packetStart != 0)
+            std::memmove(m_pTail.get(), data + at.packetStart, rest);
         m_nTailSize = rest;
     }
+}
+
+bool vq_mpegts_sync::findLock(const uint8_t* data, size_t size, run_position& at) {
+    while (!m_bSync) {
+        if (data[at.syncProbe] != sync_byte) {
+            if (at.syncBytesInARow == 0) {
+                ++m_nCountBadByte;
+                at.syncProbe = ++at.packetStart;
+            } else if (at.candidateSize == ts_packet_size) {
+                at.candidateSize = rs_packet_size;  // same start, wider spacing
+                at.syncProbe = at.packetStart;
+            } else {
+                at.candidateSize = ts_packet_size;
+                ++m_nCountBadByte;
+                at.syncProbe = ++at.packetStart;
+            }
+            at.syncBytesInARow = 0;
+        } else if (++at.syncBytesInARow < m_nMaxCountSyncPkt) {
+            if (at.syncBytesInARow == 1)
+                at.packetStart = at.syncProbe;
+            at.syncProbe += at.candidateSize;
+        } else {
+            // Locked: delivery starts with the first of the packets found.
+            m_bSync = true;
+            m_nPacketSize = at.candidateSize;
+            at.syncProbe = at.packetStart;
+            at.syncBytesInARow = 0;
+        }
+        if (!enoughLeft(size, at))
+            return false;
+    }
+    return true;
+}
+
+bool vq_mpegts_sync::deliverLockedPackets(uint8_t* data, size_t size, size_t runOffset, run_position& at) {
+    while (m_bSync) {
+        if (data[at.packetStart] != sync_byte) {
+            // One missing sync byte drops the lock; the search restarts here.
+            m_bSync = false;
+            at.syncProbe = at.packetStart;
+            at.syncBytesInARow = 0;
+        } else {
+            // A locked packet is delivered only when it lies wholly in the run.
+            if (size - at.packetStart < m_nPacketSize)
+                return false;
+            m_fCallback(timeAt(runOffset + at.packetStart), data + at.packetStart, m_nPacketSize);
+            at.packetStart += m_nPacketSize;
+            at.syncProbe = at.packetStart;
+        }
+        if (!enoughLeft(size, at))
+            return false;
+    }
+    return true;
 }
 
 vq_mpegts_accum::vq_mpegts_accum(vq_mpegts_callback callback, size_t chunkSize)

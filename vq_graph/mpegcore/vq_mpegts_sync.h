@@ -48,6 +48,24 @@ protected:
     size_t m_nSize = 0;
 
 private:
+    // Where one run of processing stands.
+    struct run_position {
+        size_t packetStart = 0;                 // first byte of the packet searched or delivered
+        size_t syncProbe = 0;                   // the byte checked for a sync byte next
+        size_t candidateSize = ts_packet_size;  // the spacing tried while searching
+        size_t syncBytesInARow = 0;             // sync bytes found at that spacing
+    };
+    // Searches for 15 sync bytes in a row from the run position; true once
+    // locked with bytes left to deliver, false when the run ends first.
+    bool findLock(const uint8_t* data, size_t size, run_position& at);
+    // Delivers locked packets from the run position; true when the lock is
+    // lost with bytes left to search, false when the run ends first.
+    bool deliverLockedPackets(uint8_t* data, size_t size, size_t runOffset, run_position& at);
+    // Whether the run holds the bytes the next step needs from the probe.
+    bool enoughLeft(size_t size, const run_position& at) const {
+        const size_t need = m_bSync ? m_nPacketSize : at.candidateSize;
+        return at.syncProbe <= size && size - at.syncProbe >= need;
+    }
     // The fast way through a frame that follows a held partial packet; false
     // when the tail and frame must be joined whole.
     bool completeHeldPacket(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size);
