@@ -29,16 +29,19 @@ endif()
 
 # The monitor as a probe: two simulated boards, its HTTP side read with curl,
 # the metrics checked by promtool, the API parsed with nlohmann-json.
+# A real Prometheus server scrapes it in the second suite.
 if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
   find_package(nlohmann_json 3 REQUIRED)
-  list(APPEND VQ_CUSTOM_SUITES test_tools_monitor_probe)
-  add_executable(test_tools_monitor_probe ${CMAKE_CURRENT_SOURCE_DIR}/test_tools_monitor_probe.cpp)
-  target_link_libraries(test_tools_monitor_probe PRIVATE vq_test_support GTest::gtest_main nlohmann_json::nlohmann_json)
-  target_compile_definitions(test_tools_monitor_probe PRIVATE VQ_MONITOR_PATH="$<TARGET_FILE:vqasi-monitor>"
-                             VQ_MONITOR_PRELOAD="${VQ_ELEMENT_PRELOAD}")
-  add_dependencies(test_tools_monitor_probe vqasi-monitor gstvqasicapture vqasisim)
-  vq_set_warnings(test_tools_monitor_probe)
-  add_test(NAME test_tools_monitor_probe COMMAND test_tools_monitor_probe WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
-  set_tests_properties(test_tools_monitor_probe PROPERTIES TIMEOUT 300 ENVIRONMENT
-    "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/monitor-registry.bin;${VQ_ELEMENT_ASAN_OPTIONS}")
+  foreach(suite test_tools_monitor_probe test_tools_monitor_prometheus)
+    list(APPEND VQ_CUSTOM_SUITES ${suite})
+    add_executable(${suite} ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
+    target_link_libraries(${suite} PRIVATE vq_test_support GTest::gtest_main nlohmann_json::nlohmann_json)
+    target_compile_definitions(${suite} PRIVATE VQ_MONITOR_PATH="$<TARGET_FILE:vqasi-monitor>"
+                               VQ_MONITOR_PRELOAD="${VQ_ELEMENT_PRELOAD}")
+    add_dependencies(${suite} vqasi-monitor gstvqasicapture vqasisim)
+    vq_set_warnings(${suite})
+    add_test(NAME ${suite} COMMAND ${suite} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
+    set_tests_properties(${suite} PROPERTIES TIMEOUT 300 ENVIRONMENT
+      "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/monitor-registry.bin;${VQ_ELEMENT_ASAN_OPTIONS}")
+  endforeach()
 endif()
