@@ -10,6 +10,7 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <set>
 #include <string>
 
 #include "mpegcore/TsAnalyzer.h"
@@ -52,6 +53,21 @@ size_t count_lines_starting(const std::string& scrape, const std::string& prefix
     for (size_t at = scrape.find("\n" + prefix); at != std::string::npos; at = scrape.find("\n" + prefix, at + 1))
         ++count;
     return count;
+}
+
+// Every PromQL expression of a Grafana dashboard.
+void collect_expressions(const nlohmann::json& node, std::vector<std::string>& out) {
+    if (node.is_object()) {
+        for (auto it = node.begin(); it != node.end(); ++it) {
+            if (it.key() == "expr" && it.value().is_string())
+                out.push_back(it.value().get<std::string>());
+            else
+                collect_expressions(it.value(), out);
+        }
+    } else if (node.is_array()) {
+        for (const auto& item : node)
+            collect_expressions(item, out);
+    }
 }
 
 void expect_refused(const std::string& text, const std::string& message) {
@@ -142,6 +158,22 @@ TEST(VqasiMonitorProbe, TwoPortsServeMetricsTheApiAndRefuseTheRest) {
         for (const char* stat : {"min", "avg", "max"})
             EXPECT_GE(sample(scrape, std::string(family) + "{port=\"south\",stat=\"" + stat + "\"}"), 0) << family;
 
+    // Every metric the shipped dashboard queries is in the scrape.
+    std::ifstream dashboardFile(std::string(VQ_CONTRIB_DIR) + "/vqasi-dashboard.json");
+    const auto dashboard = nlohmann::json::parse(dashboardFile);
+    std::vector<std::string> expressions;
+    collect_expressions(dashboard, expressions);
+    EXPECT_GE(expressions.size(), 10u);
+    std::set<std::string> queried;
+    const std::regex metric("vqasi_[a-z0-9_]+");
+    for (const auto& expression : expressions)
+        for (auto it = std::sregex_iterator(expression.begin(), expression.end(), metric); it != std::sregex_iterator();
+             ++it)
+            queried.insert(it->str());
+    EXPECT_GE(queried.size(), 12u);
+    for (const auto& name : queried)
+        EXPECT_NE(scrape.find("\n# TYPE " + name + " "), std::string::npos) << "the dashboard queries " << name;
+
     const auto api = vq_test::http_fetch(base + "/api/v1/ports");
     ASSERT_EQ(api.status, 200);
     const auto ports = nlohmann::json::parse(api.body).at("ports");
@@ -175,6 +207,26 @@ TEST(VqasiMonitorProbe, TwoPortsServeMetricsTheApiAndRefuseTheRest) {
             ++linesOf[nlohmann::json::parse(line).at("name").get<std::string>()];
     EXPECT_GE(linesOf["north"], 2);
     EXPECT_EQ(linesOf["north"], linesOf["south"]);
+}
+
+TEST(VqasiMonitorProbe, TheExampleConfigStartsItsThreePorts) {
+    const std::string simulator = "VQASISIM_DEVICE=/dev/video0,/dev/video1,/dev/video2 VQASISIM_INPUT=" +
+                                  shell_quote(vq_test::dataPath("live-025.ts")) + "," +
+                                  shell_quote(vq_test::dataPath("t2mi-plp102.ts")) + "," +
+                                  shell_quote(vq_test::dataPath("live-012.ts"));
+    // The command line's --listen wins over the file's.
+    const auto result = vq_test::run_tool(
+        "env LD_PRELOAD=" + shell_quote(VQ_MONITOR_PRELOAD) + " " + simulator + " " + shell_quote(VQ_MONITOR_PATH) +
+        " --json --duration 2.5 --listen 127.0.0.1:0 --config " + shell_quote(std::string(VQ_CONTRIB_DIR) + "/example.conf"));
+    ASSERT_EQ(result.status, 0) << result.output;
+    std::map<std::string, std::string> states;
+    for (const auto& line : result.lines()) {
+        const auto port = nlohmann::json::parse(line);
+        if (port.at("final") == 0)
+            states[port.at("name")] = port.at("state");
+    }
+    EXPECT_EQ(states, (std::map<std::string, std::string>{{"mux1", "capturing"}, {"mux3", "capturing"},
+                                                          {"t2mi", "capturing"}}));
 }
 
 }  // namespace
