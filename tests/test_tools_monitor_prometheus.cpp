@@ -132,14 +132,12 @@ TEST(VqasiMonitorPrometheus, ScrapedPortsShowBytesContinuityErrorsAndARemovedBoa
     EXPECT_EQ(alarms.count("clean"), 0u);
 
     // The board goes: the port is down; it comes back: the port is up again.
-    EXPECT_TRUE(vq_test::wait_for([&] {
+    const auto faultyUpIs = [&](double value) {
         auto up = query(api, "vqasi_port_up{port=\"faulty\"}");
-        return up.count("faulty") && up["faulty"] == 0;
-    }, 20)) << monitor.output();
-    EXPECT_TRUE(vq_test::wait_for([&] {
-        auto up = query(api, "vqasi_port_up{port=\"faulty\"}");
-        return up.count("faulty") && up["faulty"] == 1;
-    }, 10)) << monitor.output();
+        return up.count("faulty") && up["faulty"] == value;
+    };
+    EXPECT_TRUE(vq_test::wait_for([&] { return faultyUpIs(0); }, 20)) << monitor.output();
+    EXPECT_TRUE(vq_test::wait_for([&] { return faultyUpIs(1); }, 10)) << monitor.output();
     EXPECT_NE(monitor.output().find("port faulty: "), std::string::npos);
 
     EXPECT_EQ(monitor.stop(), 0) << monitor.output();

@@ -240,16 +240,6 @@ GstPadProbeReturn monitor_port::on_buffer(GstPad*, GstPadProbeInfo* info, gpoint
     return GST_PAD_PROBE_OK;
 }
 
-uint64_t monitor_port::running_time() const {
-    GstClock* clock = gst_element_get_clock(m_pipeline);
-    if (!clock)
-        return 0;
-    const GstClockTime now = gst_clock_get_time(clock);
-    gst_object_unref(clock);
-    const GstClockTime base = gst_element_get_base_time(m_pipeline);
-    return now > base ? now - base : 0;
-}
-
 void monitor_port::refresh() {
     port_snapshot next;
     next.items = m_statistics->get_items();
@@ -272,7 +262,9 @@ void monitor_port::refresh() {
         next.alarms.push_back(alarm.second);
     {
         std::lock_guard<std::mutex> hold(m_analyzerLock);
-        if (const uint64_t now = running_time())
+        // The buffers' times are running times of the pipeline's clock.
+        const GstClockTime now = gst_element_get_current_running_time(m_pipeline);
+        if (GST_CLOCK_TIME_IS_VALID(now))
             m_analyzer.check_timers(now);
         for (size_t i = 0; i < mpegcore::tr101290_check_count; ++i)
             next.tr101290[i] = m_analyzer.count(static_cast<mpegcore::tr101290_check>(i));

@@ -75,7 +75,6 @@ private:
     void fail(const std::string& problem);
     void on_alarm_message(const GstStructure* s);
     void set_state(const std::string& state, bool up, const std::string& problem);
-    uint64_t running_time() const;
 
     const port_options m_options;
     const int m_retrySeconds;
