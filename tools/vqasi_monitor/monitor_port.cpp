@@ -196,8 +196,10 @@ gboolean monitor_port::on_bus(GstBus*, GstMessage* message, gpointer self) {
         const std::string text = std::string(GST_OBJECT_NAME(message->src)) + ": " + (error ? error->message : "error");
         g_clear_error(&error);
         g_free(debug);
-        // A warning of the capture (the board disappeared) ends its capture too.
-        if (!port->m_stopping && (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR || message->src == GST_OBJECT(port->m_source)))
+        // A warning of the capture (the board disappeared) ends its capture too;
+        // while a retry is pending the port has already failed.
+        if (!port->m_stopping && !port->m_retry &&
+            (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR || message->src == GST_OBJECT(port->m_source)))
             port->fail(text);
         break;
     }
