@@ -44,7 +44,7 @@ fi
 if [ ! -f "$build/CMakeCache.txt" ]; then
     cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
-cmake --build "$build" --target gstvqasicapture vqasisim bench_parser bench_memcpy gst_rate >/dev/null
+cmake --build "$build" --target gstvqasicapture vqasisim bench_parser bench_memcpy gst_rate vqasi-monitor >/dev/null
 build=$(cd "$build" && pwd)
 if [ -n "$baseline" ]; then
     baseline=$(cd "$baseline" && pwd)
@@ -124,6 +124,26 @@ run_paced() {
     record "$name" "$(echo "$out" | field bytes)" "$(echo "$out" | field seconds)" "$(echo "$out" | field cpu_seconds)"
 }
 
+# vqasi-monitor with N paced full-rate ports, the stream analysis on each and
+# its HTTP side up (not scraped): its CPU seconds per wall second, and the
+# bytes its ports captured (the last JSON line of each).
+run_monitor() {
+    local name=$1 n=$2
+    local devices=() ports=() times
+    for i in $(seq 0 $((n - 1))); do devices+=(-d "/dev/video$i"); ports+=(--port "p$i=/dev/video$i"); done
+    times=$( { TIMEFORMAT='%R %U %S'; time with_plugin "$build" "$sim" --realtime --prefilled "${devices[@]}" \
+        -r "$full_rate" -i "$ts" -- "$build/tools/vqasi_monitor/vqasi-monitor" --json --listen 127.0.0.1:0 \
+        --duration "$paced_s" "${ports[@]}" > "$work/monitor.jsonl" 2>/dev/null; } 2>&1 )
+    local bytes
+    bytes=$(python3 -c 'import json, sys
+last = {}
+for line in open(sys.argv[1]):
+    port = json.loads(line)
+    last[port["name"]] = int(port["statistics"]["Data counter"])
+print(sum(last.values()))' "$work/monitor.jsonl")
+    record "$name" "$bytes" "$(echo "$times" | cut -d' ' -f1)" "$(echo "$times" | awk '{ print $2 + $3 }')"
+}
+
 # Google Benchmark rows (CSV: name,iterations,real_time,cpu_time,time_unit,
 # bytes_per_second,...; times in ms): bytes, wall and CPU seconds of one iteration.
 bench_row() {
@@ -182,6 +202,7 @@ for round in $(seq "$rounds"); do
         run_element_rows "" "$build"
         run_paced_rows "" "$build"
     fi
+    run_monitor monitor_paced_4 4
 done
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 

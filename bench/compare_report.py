@@ -140,6 +140,19 @@ for tag in ("", "base_"):
                 warnings.append("warning: %s and %spaced_1 per-port CPU ranges overlap" % (key, tag))
         print(line)
 
+if "monitor_paced_4" in share:
+    per_port = [s / 4 for s in share["monitor_paced_4"]]
+    line = "  %-18s %2d port(s): %.2f %% (%.2f-%.2f %%)" % (
+        "monitor_paced_4", 4, 100 * med(per_port), 100 * min(per_port), 100 * max(per_port))
+    if "paced_4" in share:
+        alone = [s / 4 for s in share["paced_4"]]
+        line += ", %.2f x the element alone (paced_4; goal: at most 1.5)" % (med(per_port) / med(alone))
+        if overlap(per_port, alone):
+            warnings.append("warning: monitor_paced_4 and paced_4 per-port CPU ranges overlap")
+    print(line)
+    print("  (vqasi-monitor: vqasicapture ! tee ! queue ! fakesink, the stream analysis of every packet and "
+          "the HTTP side, one pipeline a port)")
+
 if warnings:
     print()
     for w in warnings:

@@ -9,7 +9,8 @@ PACKAGES=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   libgtest-dev libgmock-dev libbenchmark-dev
-  libdvbpsi-dev nlohmann-json3-dev
+  libdvbpsi-dev nlohmann-json3-dev libmicrohttpd-dev
+  prometheus curl
   v4l-utils
   debhelper lintian help2man man-db
   python3-gi python3-gst-1.0

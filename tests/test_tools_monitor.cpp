@@ -26,10 +26,11 @@ const char* const kItemNames[] = {
     "Asi push delay [ms]",  "Asi delay between frames [ms]", "Asi last error",
 };
 
-// The monitor with the simulator preloaded and the given VQASISIM_* settings.
+// The monitor with the simulator preloaded and the given VQASISIM_* settings;
+// its HTTP side on a port the system chooses.
 std::string monitor_command(const std::string& simulator, const std::string& arguments) {
     return "env LD_PRELOAD=" + vq_test::shell_quote(VQ_MONITOR_PRELOAD) + " VQASISIM_DEVICE=/dev/video0 " + simulator +
-           " " + vq_test::shell_quote(VQ_MONITOR_PATH) + " " + arguments;
+           " " + vq_test::shell_quote(VQ_MONITOR_PATH) + " --listen 127.0.0.1:0 " + arguments;
 }
 
 bool log_has(const std::vector<json_value>& snapshots, const std::string& text) {
@@ -57,7 +58,8 @@ TEST(VqasiMonitor, JsonLinesShowTheSimulatorsRateAndTheAlarmsItProvokes) {
     ASSERT_GE(snapshots.size(), 7u);
     EXPECT_EQ(snapshots.back()["final"].u64(), 1u);
     for (const auto& snapshot : snapshots) {
-        EXPECT_EQ(snapshot["device"].text, "/dev/video0");
+        EXPECT_EQ(snapshot["name"].text, "video0");
+        EXPECT_EQ(snapshot["options"]["device"].text, "/dev/video0");
         const json_value& statistics = snapshot["statistics"];
         EXPECT_EQ(statistics.members.size(), 15u);
         for (const char* name : kItemNames)
@@ -91,7 +93,7 @@ TEST(VqasiMonitor, JsonLinesShowTheSimulatorsRateAndTheAlarmsItProvokes) {
     for (const auto& snapshot : snapshots)
         for (const auto& alarm : snapshot["alarms"].items)
             ccListed |= alarm["code"].u64() == 112 && alarm["source"].text == "monitor-test" &&
-                        alarm["description"].text == "CC error on PID " + std::to_string(alarm["stream_pid"].u64());
+                        alarm["description"].text == "CC error on PID " + std::to_string(alarm["pid"].u64());
     EXPECT_TRUE(ccListed);
 }
 
@@ -105,8 +107,8 @@ TEST(VqasiMonitor, TextScreenAndOutputFile) {
     const auto result =
         vq_test::run_tool(monitor_command(simulator, "--duration 2 --output " + vq_test::shell_quote(path)));
     EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.output.find("vqasi-monitor /dev/video0"), std::string::npos) << result.output;
-    EXPECT_NE(result.output.find("  Raw bit rate [bit/sec]"), std::string::npos);
+    EXPECT_NE(result.output.find("video0: /dev/video0 capturing"), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("video0:   Raw bit rate [bit/sec]"), std::string::npos);
     EXPECT_NE(result.output.find("(stopped)"), std::string::npos);
     std::ifstream written(path, std::ios::binary | std::ios::ate);
     const auto size = static_cast<uint64_t>(written.tellg());
@@ -115,23 +117,36 @@ TEST(VqasiMonitor, TextScreenAndOutputFile) {
     EXPECT_EQ(size % 188, 0u);
 }
 
-TEST(VqasiMonitor, AWrongDeviceFailsWithTheDevicesMessage) {
-    const auto result = vq_test::run_tool(monitor_command("", "--json --device /dev/video7"), true);
-    EXPECT_NE(result.status, 0);
+TEST(VqasiMonitor, AWrongDeviceIsRetriedWithTheDevicesMessage) {
+    const auto result = vq_test::run_tool(
+        monitor_command("", "--json --device /dev/video7 --retry-seconds 1 --duration 3.5"), true);
+    EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_NE(result.output.find("vqasicapture: Can't open asi device: /dev/video7"), std::string::npos)
         << result.output;
-    EXPECT_NE(result.output.find("vqasi-monitor: cannot open the ASI device /dev/video7"), std::string::npos);
-    EXPECT_EQ(result.output.find("{\""), std::string::npos) << "no JSON line for a device never opened";
+    // The first attempt and at least two retries, one a second.
+    size_t attempts = 0;
+    const std::string message = "vqasi-monitor: port video7: cannot open the ASI device /dev/video7 (no such device)";
+    for (size_t at = result.output.find(message); at != std::string::npos; at = result.output.find(message, at + 1))
+        ++attempts;
+    EXPECT_GE(attempts, 3u) << result.output;
+    bool retrying = false;
+    for (const auto& line : result.lines()) {
+        json_value snapshot;
+        if (line.compare(0, 2, "{\"") == 0 && json_reader::parse(line, snapshot))
+            retrying |= snapshot["state"].text == "retrying" && !snapshot["up"].boolean;
+    }
+    EXPECT_TRUE(retrying) << result.output;
 }
 
 TEST(VqasiMonitor, HelpAndBadOptions) {
     const auto help = vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --help");
     EXPECT_EQ(help.status, 0);
-    for (const char* option : {"--device", "--input-type", "--plp", "--source-name", "--output", "--udp",
-                               "--duration", "--json", "--help-gst"})
+    for (const char* option : {"--port", "--config", "--listen", "--retry-seconds", "--max-pids", "--device",
+                               "--input-type", "--plp", "--source-name", "--output", "--udp", "--duration", "--json",
+                               "--help-gst"})
         EXPECT_NE(help.output.find(option), std::string::npos) << option;
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --plp 256", true).status, 2);
-    EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --udp nowhere", true).status, 1);
+    EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --udp nowhere", true).status, 2);
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --no-such-option", true).status, 2);
 }
 

@@ -26,3 +26,37 @@ if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
   set_tests_properties(test_tools_monitor PROPERTIES TIMEOUT 300 ENVIRONMENT
     "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/monitor-registry.bin;${VQ_ELEMENT_ASAN_OPTIONS}")
 endif()
+
+# The monitor as a probe: two simulated boards, its HTTP side read with curl,
+# the metrics checked by promtool, the API parsed with nlohmann-json.
+# A real Prometheus server scrapes it in the second suite.
+if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
+  find_package(nlohmann_json 3 REQUIRED)
+  foreach(suite test_tools_monitor_probe test_tools_monitor_prometheus)
+    list(APPEND VQ_CUSTOM_SUITES ${suite})
+    add_executable(${suite} ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
+    target_link_libraries(${suite} PRIVATE vq_test_support GTest::gtest_main nlohmann_json::nlohmann_json)
+    target_compile_definitions(${suite} PRIVATE VQ_MONITOR_PATH="$<TARGET_FILE:vqasi-monitor>"
+                               VQ_MONITOR_PRELOAD="${VQ_ELEMENT_PRELOAD}"
+                               VQ_CONTRIB_DIR="${PROJECT_SOURCE_DIR}/contrib/vqasi-monitor")
+    add_dependencies(${suite} vqasi-monitor gstvqasicapture vqasisim)
+    vq_set_warnings(${suite})
+    add_test(NAME ${suite} COMMAND ${suite} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
+    set_tests_properties(${suite} PROPERTIES TIMEOUT 300 ENVIRONMENT
+      "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/monitor-registry.bin;${VQ_ELEMENT_ASAN_OPTIONS}")
+  endforeach()
+endif()
+
+# The shipped monitoring extras: alert rules under promtool's unit tests, the
+# systemd unit under systemd-analyze (skipped where either is missing).
+find_program(VQ_PROMTOOL promtool)
+if(VQ_PROMTOOL)
+  add_test(NAME contrib_alert_rules COMMAND ${VQ_PROMTOOL} test rules ${CMAKE_CURRENT_SOURCE_DIR}/contrib/vqasi-alerts-test.yml)
+else()
+  message(STATUS "promtool not found: the alert rules are not tested (Debian package prometheus)")
+endif()
+if(TARGET vqasi-monitor)
+  add_test(NAME contrib_systemd_unit COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/contrib/check_systemd_unit.sh
+           ${PROJECT_SOURCE_DIR}/contrib/vqasi-monitor/vqasi-monitor@.service $<TARGET_FILE:vqasi-monitor>)
+  set_tests_properties(contrib_systemd_unit PROPERTIES SKIP_RETURN_CODE 77)
+endif()
