@@ -125,23 +125,39 @@ run_paced() {
 }
 
 # vqasi-monitor with N paced full-rate ports, the stream analysis on each and
-# its HTTP side up (not scraped): its CPU seconds per wall second, and the
-# bytes its ports captured (the last JSON line of each).
+# its HTTP side up (not scraped). Like gst_rate, it leaves out the start: the
+# process's CPU seconds are read from /proc over PACED_SECONDS of steady
+# capture, from 2 s after the launch; the bytes are those its ports captured in
+# that span (the JSON line of each port, printed every second).
 run_monitor() {
     local name=$1 n=$2
-    local devices=() ports=() times
+    local devices=() ports=() pid cpu0 cpu1 wall0 wall1
     for i in $(seq 0 $((n - 1))); do devices+=(-d "/dev/video$i"); ports+=(--port "p$i=/dev/video$i"); done
-    times=$( { TIMEFORMAT='%R %U %S'; time with_plugin "$build" "$sim" --realtime --prefilled "${devices[@]}" \
-        -r "$full_rate" -i "$ts" -- "$build/tools/vqasi_monitor/vqasi-monitor" --json --listen 127.0.0.1:0 \
-        --duration "$paced_s" "${ports[@]}" > "$work/monitor.jsonl" 2>/dev/null; } 2>&1 )
+    with_plugin "$build" "$sim" --realtime --prefilled "${devices[@]}" -r "$full_rate" -i "$ts" -- \
+        "$build/tools/vqasi_monitor/vqasi-monitor" --json --listen 127.0.0.1:0 --duration $((paced_s + 3)) \
+        "${ports[@]}" > "$work/monitor.jsonl" 2>/dev/null &
+    local runner=$!
+    sleep 2
+    pid=$( (grep -lx vqasi-monitor /proc/[0-9]*/comm 2>/dev/null || true) | head -n 1 | cut -d/ -f3)
+    [ -n "$pid" ] || { echo "compare.sh: vqasi-monitor did not start" >&2; exit 1; }
+    cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
+    cpu0=$(cpu_ticks "$pid"); wall0=$(date +%s.%N); local lines0; lines0=$(wc -l < "$work/monitor.jsonl")
+    sleep "$paced_s"
+    cpu1=$(cpu_ticks "$pid"); wall1=$(date +%s.%N); local lines1; lines1=$(wc -l < "$work/monitor.jsonl")
+    wait "$runner"
     local bytes
     bytes=$(python3 -c 'import json, sys
-last = {}
-for line in open(sys.argv[1]):
-    port = json.loads(line)
-    last[port["name"]] = int(port["statistics"]["Data counter"])
-print(sum(last.values()))' "$work/monitor.jsonl")
-    record "$name" "$bytes" "$(echo "$times" | cut -d' ' -f1)" "$(echo "$times" | awk '{ print $2 + $3 }')"
+def counters(lines):
+    last = {}
+    for line in lines:
+        port = json.loads(line)
+        last[port["name"]] = int(port["statistics"]["Data counter"])
+    return last
+lines = open(sys.argv[1]).read().splitlines()
+before, after = counters(lines[:int(sys.argv[2])]), counters(lines[:int(sys.argv[3])])
+print(sum(after[p] - before.get(p, 0) for p in after))' "$work/monitor.jsonl" "$lines0" "$lines1")
+    record "$name" "$bytes" "$(awk -v a="$wall0" -v b="$wall1" 'BEGIN { print b - a }')" \
+        "$(awk -v a="$cpu0" -v b="$cpu1" -v hz="$(getconf CLK_TCK)" 'BEGIN { print (b - a) / hz }')"
 }
 
 # Google Benchmark rows (CSV: name,iterations,real_time,cpu_time,time_unit,

@@ -150,8 +150,8 @@ if "monitor_paced_4" in share:
         if overlap(per_port, alone):
             warnings.append("warning: monitor_paced_4 and paced_4 per-port CPU ranges overlap")
     print(line)
-    print("  (vqasi-monitor: vqasicapture ! tee ! queue ! fakesink, the stream analysis of every packet and "
-          "the HTTP side, one pipeline a port)")
+    print("  (vqasi-monitor: vqasicapture ! tee ! fakesink, the stream analysis of every packet and "
+          "the HTTP side, one pipeline a port; steady capture, start left out)")
 
 if warnings:
     print()

@@ -34,7 +34,8 @@ GstElement* monitor_port::make_output(const char* factory, const std::string& na
     return sink;
 }
 
-// tee ! queue ! sink
+// tee ! queue ! sink: an output that may block (disk, network) runs on its own
+// thread so that it never holds up the capture.
 bool monitor_port::add_branch(GstElement* sink, std::string& error) {
     GstElement* queue = gst_element_factory_make("queue", nullptr);
     if (!sink || !queue) {
@@ -46,6 +47,23 @@ bool monitor_port::add_branch(GstElement* sink, std::string& error) {
     gst_bin_add_many(GST_BIN(m_pipeline), queue, sink, nullptr);
     if (!gst_element_link_many(m_tee, queue, sink, nullptr)) {
         error = "port " + m_options.name + ": cannot link the output " + GST_ELEMENT_NAME(sink);
+        return false;
+    }
+    return true;
+}
+
+// tee ! fakesink for a port without outputs: nothing blocks, so no queue and
+// no hand-over to another thread for every buffer (that cost more than the
+// capture and the analysis together).
+bool monitor_port::add_discard(std::string& error) {
+    GstElement* sink = make_output("fakesink", "discard");
+    if (!sink) {
+        error = "port " + m_options.name + ": fakesink is not installed";
+        return false;
+    }
+    gst_bin_add(GST_BIN(m_pipeline), sink);
+    if (!gst_element_link(m_tee, sink)) {
+        error = "port " + m_options.name + ": cannot link the discarding sink";
         return false;
     }
     return true;
@@ -89,8 +107,7 @@ bool monitor_port::build(std::string& error) {
         if (!add_branch(sink, error))
             return false;
     }
-    if (m_options.output.empty() && m_options.udp.empty() && m_options.srt.empty() &&
-        !add_branch(make_output("fakesink", "discard"), error))
+    if (m_options.output.empty() && m_options.udp.empty() && m_options.srt.empty() && !add_discard(error))
         return false;
     const std::string source = m_options.sourceName.empty() ? m_options.name : m_options.sourceName;
     g_object_set(m_source, "v4l2", m_options.device.c_str(), "input_type", m_options.inputType, "plp", m_options.plp,

@@ -72,6 +72,7 @@ private:
     static GstPadProbeReturn on_buffer(GstPad*, GstPadProbeInfo* info, gpointer self);
     GstElement* make_output(const char* factory, const std::string& name);
     bool add_branch(GstElement* sink, std::string& error);
+    bool add_discard(std::string& error);
     void fail(const std::string& problem);
     void on_alarm_message(const GstStructure* s);
     void set_state(const std::string& state, bool up, const std::string& problem);
