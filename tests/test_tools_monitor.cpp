@@ -1,5 +1,6 @@
 // vqasi-monitor on the simulated capture board: its JSON lines, the rate it
-// shows, the alarms the simulator's faults provoke, a wrong device, --help.
+// shows, the alarms the simulator's faults provoke, a wrong device, --help,
+// and scripts/demo.sh.
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -152,6 +153,39 @@ TEST(VqasiMonitor, HelpAndBadOptions) {
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --plp 256", true).status, 2);
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --udp nowhere", true).status, 2);
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --no-such-option", true).status, 2);
+}
+
+// scripts/demo.sh on this build: each second a heading and the lines that
+// changed, the alarms the simulator's link loss and left-out packets provoke
+// rising and clearing, and a recording tsparse reads to the end.
+TEST(VqasiMonitor, TheDemoPrintsWhatChangesAndRecordsAStreamTsparseReads) {
+#ifndef VQ_DEMO_SCRIPT
+    GTEST_SKIP() << "the demo runs the programs of a build without sanitizers";
+#else
+    const auto result = vq_test::run_tool(
+        "bash " + vq_test::shell_quote(VQ_DEMO_SCRIPT) + " --built " + vq_test::shell_quote(VQ_BUILD_DIR), true);
+    ASSERT_EQ(result.status, 0) << result.output;
+    const auto count = [&](const std::string& text) {
+        size_t n = 0;
+        for (size_t at = result.output.find(text); at != std::string::npos; at = result.output.find(text, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_GE(count("video0: /dev/video0 capturing, "), 9u) << result.output;
+    EXPECT_EQ(count("video0: /dev/video0 stopped, "), 1u);
+    // A statistics item is printed when it changes, not every second.
+    EXPECT_EQ(count("video0:   Asi fake frames                  0\n"), 1u) << result.output;
+    EXPECT_EQ(count("video0:   Signal state                     No link\n"), 1u);
+    EXPECT_GE(count("video0:   Signal state                     Ok\n"), 2u);
+    for (const char* code : {"code=501", "code=502", "code=503"}) {
+        EXPECT_EQ(count(std::string("video0: ALARM ") + code + ", level=2"), 1u) << code;
+        EXPECT_EQ(count(std::string("video0: CLEAR ") + code + ", level=2"), 1u) << code;
+    }
+    EXPECT_GE(count("video0: ALARM code=112, level=2, reg_time="), 1u);
+    EXPECT_GE(count(", source=demo, description=CC error on PID "), 1u);
+    EXPECT_NE(result.output.find("\ncc_errors="), std::string::npos);
+    EXPECT_NE(result.output.find("\ntsparse: read to the end without error\n"), std::string::npos) << result.output;
+#endif
 }
 
 }  // namespace

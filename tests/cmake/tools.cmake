@@ -23,6 +23,11 @@ if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
   target_compile_definitions(test_tools_monitor PRIVATE VQ_MONITOR_PATH="$<TARGET_FILE:vqasi-monitor>"
                              VQ_MONITOR_PRELOAD="${VQ_ELEMENT_PRELOAD}")
   add_dependencies(test_tools_monitor vqasi-monitor gstvqasicapture vqasisim)
+  # scripts/demo.sh runs this build's programs, with the simulator alone preloaded.
+  if(NOT VQ_SANITIZE AND NOT VQ_TSAN)
+    target_compile_definitions(test_tools_monitor PRIVATE VQ_DEMO_SCRIPT="${PROJECT_SOURCE_DIR}/scripts/demo.sh"
+                               VQ_BUILD_DIR="${CMAKE_BINARY_DIR}")
+  endif()
   vq_set_warnings(test_tools_monitor)
   add_test(NAME test_tools_monitor COMMAND test_tools_monitor WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
   set_tests_properties(test_tools_monitor PROPERTIES TIMEOUT 300 ENVIRONMENT
