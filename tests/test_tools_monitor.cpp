@@ -1,7 +1,9 @@
 // vqasi-monitor on the simulated capture board: its JSON lines, the rate it
-// shows, the alarms the simulator's faults provoke, a wrong device, --help.
+// shows, the alarms the simulator's faults provoke, a wrong device, --help,
+// and scripts/demo.sh.
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,11 +12,9 @@
 #include <vector>
 
 #include "support/test_data.h"
-#include "tools/json_reader.h"
 #include "tools/tool_runner.h"
 
-using vq_test::json_reader;
-using vq_test::json_value;
+using json = nlohmann::json;
 
 namespace {
 
@@ -33,10 +33,10 @@ std::string monitor_command(const std::string& simulator, const std::string& arg
            " " + vq_test::shell_quote(VQ_MONITOR_PATH) + " --listen 127.0.0.1:0 " + arguments;
 }
 
-bool log_has(const std::vector<json_value>& snapshots, const std::string& text) {
+bool log_has(const std::vector<json>& snapshots, const std::string& text) {
     for (const auto& snapshot : snapshots)
-        for (const auto& line : snapshot["alarm_log"].items)
-            if (line.text.find(text) != std::string::npos)
+        for (const auto& line : snapshot.at("alarm_log"))
+            if (line.get<std::string>().find(text) != std::string::npos)
                 return true;
     return false;
 }
@@ -49,37 +49,38 @@ TEST(VqasiMonitor, JsonLinesShowTheSimulatorsRateAndTheAlarmsItProvokes) {
         vq_test::run_tool(monitor_command(simulator, "--json --duration 8 --source-name monitor-test"));
     ASSERT_EQ(result.status, 0) << result.output;
 
-    std::vector<json_value> snapshots;
+    std::vector<json> snapshots;
     for (const auto& line : result.lines()) {
-        json_value snapshot;
-        ASSERT_TRUE(json_reader::parse(line, snapshot)) << "not JSON: " << line;
+        const json snapshot = json::parse(line, nullptr, false);
+        ASSERT_FALSE(snapshot.is_discarded()) << "not JSON: " << line;
         snapshots.push_back(snapshot);
     }
     ASSERT_GE(snapshots.size(), 7u);
-    EXPECT_EQ(snapshots.back()["final"].u64(), 1u);
+    EXPECT_EQ(snapshots.back().at("final").get<uint64_t>(), 1u);
     for (const auto& snapshot : snapshots) {
-        EXPECT_EQ(snapshot["name"].text, "video0");
-        EXPECT_EQ(snapshot["options"]["device"].text, "/dev/video0");
-        const json_value& statistics = snapshot["statistics"];
-        EXPECT_EQ(statistics.members.size(), 15u);
+        EXPECT_EQ(snapshot.at("name").get<std::string>(), "video0");
+        EXPECT_EQ(snapshot.at("options").at("device").get<std::string>(), "/dev/video0");
+        const json& statistics = snapshot.at("statistics");
+        EXPECT_EQ(statistics.size(), 15u);
         for (const char* name : kItemNames)
-            EXPECT_TRUE(statistics.has(name)) << name;
+            EXPECT_TRUE(statistics.contains(name)) << name;
     }
 
     // The raw rate, measured by the element over each second, shows the
     // simulator's 4 Mbit/s while the signal is up.
     uint64_t fastest = 0;
     for (const auto& snapshot : snapshots)
-        fastest = std::max<uint64_t>(fastest, std::stoull(snapshot["statistics"]["Raw bit rate [bit/sec]"].text));
+        fastest = std::max<uint64_t>(
+            fastest, std::stoull(snapshot.at("statistics").at("Raw bit rate [bit/sec]").get<std::string>()));
     EXPECT_GT(fastest, 3200000u);
     EXPECT_LT(fastest, 4800000u);
-    EXPECT_NE(std::stoull(snapshots.back()["statistics"]["Raw data counter"].text), 0u);
+    EXPECT_NE(std::stoull(snapshots.back().at("statistics").at("Raw data counter").get<std::string>()), 0u);
 
     bool linkLossSeen = false;
     for (const auto& snapshot : snapshots)
-        linkLossSeen |= snapshot["statistics"]["Signal state"].text == "No link";
+        linkLossSeen |= snapshot.at("statistics").at("Signal state").get<std::string>() == "No link";
     EXPECT_TRUE(linkLossSeen);
-    EXPECT_EQ(snapshots.back()["statistics"]["No data/link/lock/range/unknown"].text, "0/1/0/0/0");
+    EXPECT_EQ(snapshots.back().at("statistics").at("No data/link/lock/range/unknown").get<std::string>(), "0/1/0/0/0");
 
     // The link loss raises and clears the input watchdogs; the left-out packets
     // raise continuity alarms, all under the given source name.
@@ -91,9 +92,11 @@ TEST(VqasiMonitor, JsonLinesShowTheSimulatorsRateAndTheAlarmsItProvokes) {
     EXPECT_TRUE(log_has(snapshots, "source=monitor-test, description=Sync lost , count=1"));
     bool ccListed = false;
     for (const auto& snapshot : snapshots)
-        for (const auto& alarm : snapshot["alarms"].items)
-            ccListed |= alarm["code"].u64() == 112 && alarm["source"].text == "monitor-test" &&
-                        alarm["description"].text == "CC error on PID " + std::to_string(alarm["pid"].u64());
+        for (const auto& alarm : snapshot.at("alarms"))
+            ccListed |= alarm.at("code").get<uint64_t>() == 112 &&
+                        alarm.at("source").get<std::string>() == "monitor-test" &&
+                        alarm.at("description").get<std::string>() ==
+                            "CC error on PID " + std::to_string(alarm.at("pid").get<uint64_t>());
     EXPECT_TRUE(ccListed);
 }
 
@@ -131,9 +134,11 @@ TEST(VqasiMonitor, AWrongDeviceIsRetriedWithTheDevicesMessage) {
     EXPECT_GE(attempts, 3u) << result.output;
     bool retrying = false;
     for (const auto& line : result.lines()) {
-        json_value snapshot;
-        if (line.compare(0, 2, "{\"") == 0 && json_reader::parse(line, snapshot))
-            retrying |= snapshot["state"].text == "retrying" && !snapshot["up"].boolean;
+        if (line.compare(0, 2, "{\"") != 0)
+            continue;
+        const json snapshot = json::parse(line, nullptr, false);
+        if (!snapshot.is_discarded())
+            retrying |= snapshot.at("state").get<std::string>() == "retrying" && !snapshot.at("up").get<bool>();
     }
     EXPECT_TRUE(retrying) << result.output;
 }
@@ -148,6 +153,39 @@ TEST(VqasiMonitor, HelpAndBadOptions) {
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --plp 256", true).status, 2);
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --udp nowhere", true).status, 2);
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --no-such-option", true).status, 2);
+}
+
+// scripts/demo.sh on this build: each second a heading and the lines that
+// changed, the alarms the simulator's link loss and left-out packets provoke
+// rising and clearing, and a recording tsparse reads to the end.
+TEST(VqasiMonitor, TheDemoPrintsWhatChangesAndRecordsAStreamTsparseReads) {
+#ifndef VQ_DEMO_SCRIPT
+    GTEST_SKIP() << "the demo runs the programs of a build without sanitizers";
+#else
+    const auto result = vq_test::run_tool(
+        "bash " + vq_test::shell_quote(VQ_DEMO_SCRIPT) + " --built " + vq_test::shell_quote(VQ_BUILD_DIR), true);
+    ASSERT_EQ(result.status, 0) << result.output;
+    const auto count = [&](const std::string& text) {
+        size_t n = 0;
+        for (size_t at = result.output.find(text); at != std::string::npos; at = result.output.find(text, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_GE(count("video0: /dev/video0 capturing, "), 9u) << result.output;
+    EXPECT_EQ(count("video0: /dev/video0 stopped, "), 1u);
+    // A statistics item is printed when it changes, not every second.
+    EXPECT_EQ(count("video0:   Asi fake frames                  0\n"), 1u) << result.output;
+    EXPECT_EQ(count("video0:   Signal state                     No link\n"), 1u);
+    EXPECT_GE(count("video0:   Signal state                     Ok\n"), 2u);
+    for (const char* code : {"code=501", "code=502", "code=503"}) {
+        EXPECT_EQ(count(std::string("video0: ALARM ") + code + ", level=2"), 1u) << code;
+        EXPECT_EQ(count(std::string("video0: CLEAR ") + code + ", level=2"), 1u) << code;
+    }
+    EXPECT_GE(count("video0: ALARM code=112, level=2, reg_time="), 1u);
+    EXPECT_GE(count(", source=demo, description=CC error on PID "), 1u);
+    EXPECT_NE(result.output.find("\ncc_errors="), std::string::npos);
+    EXPECT_NE(result.output.find("\ntsparse: read to the end without error\n"), std::string::npos) << result.output;
+#endif
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // analyses) and on a stream of sections rendered by mpegcore's own tables.
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,31 +27,29 @@
 #include "mpegcore/CAT.h"
 #include "support/section_bytes.h"
 #include "support/test_data.h"
-#include "tools/json_reader.h"
 #include "tools/tool_runner.h"
 
 using namespace mpegcore;
-using vq_test::json_reader;
-using vq_test::json_value;
+using json = nlohmann::json;
 
 namespace {
 
-std::vector<json_value> tables_of(const std::string& file) {
+std::vector<json> tables_of(const std::string& file) {
     const auto result = vq_test::run_tool(std::string(TS_TABLES_PATH) + " --json " + vq_test::shell_quote(file));
     EXPECT_EQ(result.status, 0);
-    std::vector<json_value> tables;
+    std::vector<json> tables;
     for (const auto& line : result.lines()) {
-        json_value table;
-        EXPECT_TRUE(json_reader::parse(line, table)) << line;
+        const json table = json::parse(line, nullptr, false);
+        EXPECT_FALSE(table.is_discarded()) << line;
         tables.push_back(table);
     }
     return tables;
 }
 
-std::vector<const json_value*> tables_named(const std::vector<json_value>& tables, const std::string& name) {
-    std::vector<const json_value*> out;
+std::vector<const json*> tables_named(const std::vector<json>& tables, const std::string& name) {
+    std::vector<const json*> out;
     for (const auto& table : tables)
-        if (table["table"].text == name)
+        if (table.value("table", "") == name)
             out.push_back(&table);
     return out;
 }
@@ -105,21 +104,21 @@ const described_type kDescribedTypes[] = {
     {"DTS-HD Master Audio", 0x86, "DTS-HD Master Audio (HDMV)"},
 };
 
-const json_value* find_stream(const std::vector<json_value>& tables, unsigned pid) {
-    for (const json_value* pmt : tables_named(tables, "PMT"))
-        for (const auto& stream : pmt->operator[]("streams").items)
-            if (stream["elementary_PID"].u64() == pid)
+const json* find_stream(const std::vector<json>& tables, unsigned pid) {
+    for (const json* pmt : tables_named(tables, "PMT"))
+        for (const auto& stream : pmt->at("streams"))
+            if (stream.at("elementary_PID").get<uint64_t>() == pid)
                 return &stream;
     return nullptr;
 }
 
 // Languages the descriptors of a stream carry (ISO 639, teletext).
-std::set<std::string> stream_languages(const json_value& stream) {
+std::set<std::string> stream_languages(const json& stream) {
     std::set<std::string> out;
-    for (const auto& descriptor : stream["descriptors"].items) {
+    for (const auto& descriptor : stream.at("descriptors")) {
         for (const char* list : {"languages", "pages", "subtitles"})
-            for (const auto& item : descriptor[list].items)
-                out.insert(item["ISO_639_language_code"].text);
+            for (const auto& item : descriptor.value(list, json::array()))
+                out.insert(item.at("ISO_639_language_code").get<std::string>());
     }
     return out;
 }
@@ -131,7 +130,7 @@ TEST_P(TsTablesOnCapture, ProgramsPidsStreamTypesAndNamesAgreeWithTheAnalysis) {
     const auto tables = tables_of(vq_test::dataPath(capture + ".ts"));
     const auto pats = tables_named(tables, "PAT");
     ASSERT_EQ(pats.size(), 1u) << "one PAT version in " << capture;
-    const json_value& pat = *pats[0];
+    const json& pat = *pats[0];
 
     const auto services = analysis_lines(capture + ".analysis.txt", "service");
     ASSERT_FALSE(services.empty());
@@ -140,20 +139,21 @@ TEST_P(TsTablesOnCapture, ProgramsPidsStreamTypesAndNamesAgreeWithTheAnalysis) {
         const unsigned id = std::stoul(service.at("id"));
         const unsigned pmtPid = std::stoul(service.at("pmtpid"));
         SCOPED_TRACE(capture + " service " + std::to_string(id));
-        EXPECT_EQ(pat["transport_stream_id"].u64(), std::stoul(service.at("tsid")));
+        EXPECT_EQ(pat.at("transport_stream_id").get<uint64_t>(), std::stoul(service.at("tsid")));
 
         bool listed = false;
-        for (const auto& program : pat["programs"].items)
-            listed |= program["program_number"].u64() == id && program["program_map_PID"].u64() == pmtPid;
+        for (const auto& program : pat.at("programs"))
+            listed |= program.at("program_number").get<uint64_t>() == id &&
+                      program.at("program_map_PID").get<uint64_t>() == pmtPid;
         EXPECT_TRUE(listed) << "PAT entry " << id << " -> " << pmtPid;
 
-        const json_value* pmt = nullptr;
-        for (const json_value* candidate : tables_named(tables, "PMT"))
-            if (candidate->operator[]("pid").u64() == pmtPid)
+        const json* pmt = nullptr;
+        for (const json* candidate : tables_named(tables, "PMT"))
+            if (candidate->at("pid").get<uint64_t>() == pmtPid)
                 pmt = candidate;
         ASSERT_NE(pmt, nullptr) << "PMT on PID " << pmtPid;
-        EXPECT_EQ((*pmt)["program_number"].u64(), id);
-        const unsigned pcrPid = (*pmt)["PCR_PID"].u64();
+        EXPECT_EQ((*pmt).at("program_number").get<uint64_t>(), id);
+        const unsigned pcrPid = (*pmt).at("PCR_PID").get<uint64_t>();
         if (service.count("pcrpid"))
             EXPECT_EQ(pcrPid, std::stoul(service.at("pcrpid")));
         else
@@ -162,8 +162,8 @@ TEST_P(TsTablesOnCapture, ProgramsPidsStreamTypesAndNamesAgreeWithTheAnalysis) {
         std::set<unsigned> ours = {pmtPid};
         if (pcrPid != 0x1FFF)
             ours.insert(pcrPid);
-        for (const auto& stream : (*pmt)["streams"].items)
-            ours.insert(stream["elementary_PID"].u64());
+        for (const auto& stream : (*pmt).at("streams"))
+            ours.insert(stream.at("elementary_PID").get<uint64_t>());
         EXPECT_EQ(ours, pid_list(service.at("pidlist")));
 
         for (const char* name : {"name", "provider"}) {
@@ -171,11 +171,12 @@ TEST_P(TsTablesOnCapture, ProgramsPidsStreamTypesAndNamesAgreeWithTheAnalysis) {
             if (expected == "(unknown)")
                 continue;
             std::string printed;
-            for (const json_value* sdt : tables_named(tables, "SDT"))
-                for (const auto& s : sdt->operator[]("services").items)
-                    if (s["service_id"].u64() == id)
-                        for (const auto& d : s["descriptors"].items)
-                            printed = d[std::string(name) == "name" ? "service_name" : "service_provider_name"].text;
+            for (const json* sdt : tables_named(tables, "SDT"))
+                for (const auto& s : sdt->at("services"))
+                    if (s.at("service_id").get<uint64_t>() == id)
+                        for (const auto& d : s.at("descriptors"))
+                            printed =
+                                d.value(std::string(name) == "name" ? "service_name" : "service_provider_name", "");
             EXPECT_EQ(printed, expected) << name;
         }
     }
@@ -187,10 +188,10 @@ TEST_P(TsTablesOnCapture, ProgramsPidsStreamTypesAndNamesAgreeWithTheAnalysis) {
         for (const auto& described : kDescribedTypes) {
             if (description.rfind(described.prefix, 0) != 0)
                 continue;
-            const json_value* stream = find_stream(tables, std::stoul(pid.at("pid")));
+            const json* stream = find_stream(tables, std::stoul(pid.at("pid")));
             ASSERT_NE(stream, nullptr) << description;
-            EXPECT_EQ((*stream)["stream_type"].u64(), described.stream_type) << description;
-            EXPECT_EQ((*stream)["stream_type_name"].text, described.our_name) << description;
+            EXPECT_EQ((*stream).at("stream_type").get<uint64_t>(), described.stream_type) << description;
+            EXPECT_EQ((*stream).at("stream_type_name").get<std::string>(), described.our_name) << description;
             if (pid.count("language")) {
                 EXPECT_EQ(stream_languages(*stream).count(pid.at("language")), 1u) << description;
             }
@@ -453,10 +454,10 @@ protected:
         pmt.stream_map[pid] = stream;
     }
 
-    const json_value& only(const std::string& name) {
+    const json& only(const std::string& name) {
         const auto found = tables_named(tables, name);
         EXPECT_EQ(found.size(), 1u) << name;
-        static const json_value none;
+        static const json none;
         return found.empty() ? none : *found[0];
     }
 
@@ -468,144 +469,145 @@ protected:
     std::unique_ptr<CTDT> tdt;
     CTOT tot{nullptr, 1024};
     CCAT cat{nullptr, 1024};
-    std::vector<json_value> tables;
+    std::vector<json> tables;
     std::string m_path;
 };
 
-void expect_header(const json_value& printed, const CBaseMpegTable& table, uint16_t pid) {
-    EXPECT_EQ(printed["pid"].u64(), pid);
-    EXPECT_EQ(printed["table_id"].u64(), table.table_id);
-    EXPECT_EQ(printed["section_syntax_indicator"].u64(), table.section_syntax_indicator);
-    EXPECT_EQ(printed["section_length"].u64(), table.section_length);
+void expect_header(const json& printed, const CBaseMpegTable& table, uint16_t pid) {
+    EXPECT_EQ(printed.at("pid").get<uint64_t>(), pid);
+    EXPECT_EQ(printed.at("table_id").get<uint64_t>(), table.table_id);
+    EXPECT_EQ(printed.at("section_syntax_indicator").get<uint64_t>(), table.section_syntax_indicator);
+    EXPECT_EQ(printed.at("section_length").get<uint64_t>(), table.section_length);
 }
 
 template <class T>
-void expect_version(const json_value& printed, const T& table) {
-    EXPECT_EQ(printed["version_number"].u64(), table.version_number);
-    EXPECT_EQ(printed["current_next_indicator"].u64(), table.current_next_indicator);
-    EXPECT_EQ(printed["section_number"].u64(), table.section_number);
-    EXPECT_EQ(printed["last_section_number"].u64(), table.last_section_number);
-    EXPECT_EQ(printed["CRC_32"].u64(), table.CRC);
+void expect_version(const json& printed, const T& table) {
+    EXPECT_EQ(printed.at("version_number").get<uint64_t>(), table.version_number);
+    EXPECT_EQ(printed.at("current_next_indicator").get<uint64_t>(), table.current_next_indicator);
+    EXPECT_EQ(printed.at("section_number").get<uint64_t>(), table.section_number);
+    EXPECT_EQ(printed.at("last_section_number").get<uint64_t>(), table.last_section_number);
+    EXPECT_EQ(printed.at("CRC_32").get<uint64_t>(), table.CRC);
 }
 
 TEST_F(TsTablesOnRenderedSections, EveryTableIsPrintedOnceInArrivalOrder) {
     std::vector<std::string> names;
     for (const auto& table : tables)
-        names.push_back(table["table"].text);
+        names.push_back(table.at("table").get<std::string>());
     EXPECT_EQ(names, (std::vector<std::string>{"PAT", "PMT", "SDT", "NIT", "EIT", "TDT", "TOT", "CAT"}));
 }
 
 TEST_F(TsTablesOnRenderedSections, PatFieldsEqualTheRenderedOnes) {
-    const json_value& p = only("PAT");
+    const json& p = only("PAT");
     expect_header(p, pat, 0);
     expect_version(p, pat);
-    EXPECT_EQ(p["transport_stream_id"].u64(), 0x1234u);
-    ASSERT_EQ(p["programs"].items.size(), 3u);
-    EXPECT_EQ(p["programs"].items[0]["program_number"].u64(), 0u);
-    EXPECT_EQ(p["programs"].items[0]["network_PID"].u64(), 0x10u);
-    EXPECT_EQ(p["programs"].items[1]["program_number"].u64(), 1u);
-    EXPECT_EQ(p["programs"].items[1]["program_map_PID"].u64(), 0x100u);
-    EXPECT_EQ(p["programs"].items[2]["program_map_PID"].u64(), 0x200u);
+    EXPECT_EQ(p.at("transport_stream_id").get<uint64_t>(), 0x1234u);
+    ASSERT_EQ(p.at("programs").size(), 3u);
+    EXPECT_EQ(p.at("programs").at(0).at("program_number").get<uint64_t>(), 0u);
+    EXPECT_EQ(p.at("programs").at(0).at("network_PID").get<uint64_t>(), 0x10u);
+    EXPECT_EQ(p.at("programs").at(1).at("program_number").get<uint64_t>(), 1u);
+    EXPECT_EQ(p.at("programs").at(1).at("program_map_PID").get<uint64_t>(), 0x100u);
+    EXPECT_EQ(p.at("programs").at(2).at("program_map_PID").get<uint64_t>(), 0x200u);
 }
 
 TEST_F(TsTablesOnRenderedSections, PmtFieldsAndDescriptorsEqualTheRenderedOnes) {
-    const json_value& p = only("PMT");
+    const json& p = only("PMT");
     expect_header(p, pmt, 0x100);
     expect_version(p, pmt);
-    EXPECT_EQ(p["program_number"].u64(), 1u);
-    EXPECT_EQ(p["PCR_PID"].u64(), 0x101u);
-    EXPECT_EQ(p["program_info_length"].u64(), pmt.program_info_length);
-    ASSERT_EQ(p["descriptors"].items.size(), 1u);
-    const json_value& ca = p["descriptors"].items[0];
-    EXPECT_EQ(ca["descriptor_tag"].u64(), 0x09u);
-    EXPECT_EQ(ca["descriptor_tag_name"].text, "CA_descriptor");
-    EXPECT_EQ(ca["CA_system_ID"].u64(), 0x0B00u);
-    EXPECT_EQ(ca["CA_PID"].u64(), 0x1FF0u);
-    ASSERT_EQ(p["streams"].items.size(), 2u);
-    const json_value& video = p["streams"].items[0];
-    EXPECT_EQ(video["stream_type"].u64(), 0x1Bu);
-    EXPECT_EQ(video["stream_type_name"].text, "AVC video (H.264)");
-    EXPECT_EQ(video["elementary_PID"].u64(), 0x101u);
-    EXPECT_EQ(video["ES_info_length"].u64(), 0u);
-    const json_value& audio = p["streams"].items[1];
-    EXPECT_EQ(audio["stream_type"].u64(), 0x04u);
-    EXPECT_EQ(audio["ES_info_length"].u64(), pmt.stream_map.at(0x102)->ES_info_length);
-    ASSERT_EQ(audio["descriptors"].items.size(), 1u);
-    EXPECT_EQ(audio["descriptors"].items[0]["languages"].items[0]["ISO_639_language_code"].text, "eng");
+    EXPECT_EQ(p.at("program_number").get<uint64_t>(), 1u);
+    EXPECT_EQ(p.at("PCR_PID").get<uint64_t>(), 0x101u);
+    EXPECT_EQ(p.at("program_info_length").get<uint64_t>(), pmt.program_info_length);
+    ASSERT_EQ(p.at("descriptors").size(), 1u);
+    const json& ca = p.at("descriptors").at(0);
+    EXPECT_EQ(ca.at("descriptor_tag").get<uint64_t>(), 0x09u);
+    EXPECT_EQ(ca.at("descriptor_tag_name").get<std::string>(), "CA_descriptor");
+    EXPECT_EQ(ca.at("CA_system_ID").get<uint64_t>(), 0x0B00u);
+    EXPECT_EQ(ca.at("CA_PID").get<uint64_t>(), 0x1FF0u);
+    ASSERT_EQ(p.at("streams").size(), 2u);
+    const json& video = p.at("streams").at(0);
+    EXPECT_EQ(video.at("stream_type").get<uint64_t>(), 0x1Bu);
+    EXPECT_EQ(video.at("stream_type_name").get<std::string>(), "AVC video (H.264)");
+    EXPECT_EQ(video.at("elementary_PID").get<uint64_t>(), 0x101u);
+    EXPECT_EQ(video.at("ES_info_length").get<uint64_t>(), 0u);
+    const json& audio = p.at("streams").at(1);
+    EXPECT_EQ(audio.at("stream_type").get<uint64_t>(), 0x04u);
+    EXPECT_EQ(audio.at("ES_info_length").get<uint64_t>(), pmt.stream_map.at(0x102)->ES_info_length);
+    ASSERT_EQ(audio.at("descriptors").size(), 1u);
+    EXPECT_EQ(audio.at("descriptors").at(0).at("languages").at(0).at("ISO_639_language_code").get<std::string>(),
+              "eng");
 }
 
 TEST_F(TsTablesOnRenderedSections, SdtServicesEqualTheRenderedOnes) {
-    const json_value& s = only("SDT");
+    const json& s = only("SDT");
     expect_header(s, sdt, 0x11);
     expect_version(s, sdt);
-    EXPECT_EQ(s["table_id_name"].text, "SDT actual");
-    EXPECT_EQ(s["transport_stream_id"].u64(), 0x1234u);
-    EXPECT_EQ(s["original_network_id"].u64(), 0x2222u);
-    ASSERT_EQ(s["services"].items.size(), 2u);
-    const json_value& one = s["services"].items[0];
-    EXPECT_EQ(one["service_id"].u64(), 1u);
-    EXPECT_EQ(one["EIT_present_following_flag"].u64(), 1u);
-    EXPECT_EQ(one["running_status"].u64(), 4u);
-    EXPECT_EQ(one["running_status_name"].text, "running");
-    EXPECT_EQ(one["descriptors_loop_length"].u64(), sdt.sds.at(1)->descriptors_loop_length);
-    const json_value& d = one["descriptors"].items.at(0);
-    EXPECT_EQ(d["service_type"].u64(), 0x19u);
-    EXPECT_EQ(d["service_type_name"].text, "H.264/AVC HD digital television service");
-    EXPECT_EQ(d["service_provider_name"].text, "Prov");
-    EXPECT_EQ(d["service_name"].text, "Chan One");
-    const json_value& two = s["services"].items[1];
-    EXPECT_EQ(two["running_status_name"].text, "not running");
-    EXPECT_EQ(two["descriptors"].items.at(0)["service_name"].text, "Radio");
+    EXPECT_EQ(s.at("table_id_name").get<std::string>(), "SDT actual");
+    EXPECT_EQ(s.at("transport_stream_id").get<uint64_t>(), 0x1234u);
+    EXPECT_EQ(s.at("original_network_id").get<uint64_t>(), 0x2222u);
+    ASSERT_EQ(s.at("services").size(), 2u);
+    const json& one = s.at("services").at(0);
+    EXPECT_EQ(one.at("service_id").get<uint64_t>(), 1u);
+    EXPECT_EQ(one.at("EIT_present_following_flag").get<uint64_t>(), 1u);
+    EXPECT_EQ(one.at("running_status").get<uint64_t>(), 4u);
+    EXPECT_EQ(one.at("running_status_name").get<std::string>(), "running");
+    EXPECT_EQ(one.at("descriptors_loop_length").get<uint64_t>(), sdt.sds.at(1)->descriptors_loop_length);
+    const json& d = one.at("descriptors").at(0);
+    EXPECT_EQ(d.at("service_type").get<uint64_t>(), 0x19u);
+    EXPECT_EQ(d.at("service_type_name").get<std::string>(), "H.264/AVC HD digital television service");
+    EXPECT_EQ(d.at("service_provider_name").get<std::string>(), "Prov");
+    EXPECT_EQ(d.at("service_name").get<std::string>(), "Chan One");
+    const json& two = s.at("services").at(1);
+    EXPECT_EQ(two.at("running_status_name").get<std::string>(), "not running");
+    EXPECT_EQ(two.at("descriptors").at(0).at("service_name").get<std::string>(), "Radio");
 }
 
 TEST_F(TsTablesOnRenderedSections, NitFieldsEqualTheRenderedOnes) {
-    const json_value& n = only("NIT");
+    const json& n = only("NIT");
     expect_header(n, nit, 0x10);
     expect_version(n, nit);
-    EXPECT_EQ(n["network_id"].u64(), 0x3333u);
-    EXPECT_EQ(n["network_descriptors_length"].u64(), nit.network_descriptors_length);
-    EXPECT_EQ(n["descriptors"].items.at(0)["network_name"].text, "Net");
-    EXPECT_EQ(n["transport_stream_loop_length"].u64(), nit.transport_stream_loop_length);
-    const json_value& ts = n["transport_streams"].items.at(0);
-    EXPECT_EQ(ts["transport_stream_id"].u64(), 0x1234u);
-    EXPECT_EQ(ts["original_network_id"].u64(), 0x2222u);
-    const json_value& services = ts["descriptors"].items.at(0)["services"];
-    ASSERT_EQ(services.items.size(), 2u);
-    EXPECT_EQ(services.items[1]["service_id"].u64(), 2u);
-    EXPECT_EQ(services.items[1]["service_type_name"].text, "digital radio sound service");
+    EXPECT_EQ(n.at("network_id").get<uint64_t>(), 0x3333u);
+    EXPECT_EQ(n.at("network_descriptors_length").get<uint64_t>(), nit.network_descriptors_length);
+    EXPECT_EQ(n.at("descriptors").at(0).at("network_name").get<std::string>(), "Net");
+    EXPECT_EQ(n.at("transport_stream_loop_length").get<uint64_t>(), nit.transport_stream_loop_length);
+    const json& ts = n.at("transport_streams").at(0);
+    EXPECT_EQ(ts.at("transport_stream_id").get<uint64_t>(), 0x1234u);
+    EXPECT_EQ(ts.at("original_network_id").get<uint64_t>(), 0x2222u);
+    const json& services = ts.at("descriptors").at(0).at("services");
+    ASSERT_EQ(services.size(), 2u);
+    EXPECT_EQ(services.at(1).at("service_id").get<uint64_t>(), 2u);
+    EXPECT_EQ(services.at(1).at("service_type_name").get<std::string>(), "digital radio sound service");
 }
 
 TEST_F(TsTablesOnRenderedSections, EitEventEqualsTheRenderedOneWithItsTimeAsAUtcDate) {
-    const json_value& e = only("EIT");
+    const json& e = only("EIT");
     expect_header(e, eit, 0x12);
     expect_version(e, eit);
-    EXPECT_EQ(e["service_id"].u64(), 1u);
-    EXPECT_EQ(e["transport_stream_id"].u64(), 0x1234u);
-    EXPECT_EQ(e["original_network_id"].u64(), 0x2222u);
-    EXPECT_EQ(e["last_table_id"].u64(), 0x4Eu);
-    const json_value& event = e["events"].items.at(0);
-    EXPECT_EQ(event["event_id"].u64(), 0x55u);
-    EXPECT_EQ(event["start_time"].text, "2026-11-15 19:40:02 UTC");
-    EXPECT_EQ(event["duration"].text, "01:30:00");
-    EXPECT_EQ(event["running_status_name"].text, "running");
-    const json_value& d = event["descriptors"].items.at(0);
-    EXPECT_EQ(d["ISO_639_language_code"].text, "eng");
-    EXPECT_EQ(d["event_name"].text, "News");
-    EXPECT_EQ(d["text"].text, "Today");
+    EXPECT_EQ(e.at("service_id").get<uint64_t>(), 1u);
+    EXPECT_EQ(e.at("transport_stream_id").get<uint64_t>(), 0x1234u);
+    EXPECT_EQ(e.at("original_network_id").get<uint64_t>(), 0x2222u);
+    EXPECT_EQ(e.at("last_table_id").get<uint64_t>(), 0x4Eu);
+    const json& event = e.at("events").at(0);
+    EXPECT_EQ(event.at("event_id").get<uint64_t>(), 0x55u);
+    EXPECT_EQ(event.at("start_time").get<std::string>(), "2026-11-15 19:40:02 UTC");
+    EXPECT_EQ(event.at("duration").get<std::string>(), "01:30:00");
+    EXPECT_EQ(event.at("running_status_name").get<std::string>(), "running");
+    const json& d = event.at("descriptors").at(0);
+    EXPECT_EQ(d.at("ISO_639_language_code").get<std::string>(), "eng");
+    EXPECT_EQ(d.at("event_name").get<std::string>(), "News");
+    EXPECT_EQ(d.at("text").get<std::string>(), "Today");
 }
 
 TEST_F(TsTablesOnRenderedSections, TimeTablesAndCatEqualTheRenderedOnes) {
-    const json_value& t = only("TDT");
+    const json& t = only("TDT");
     expect_header(t, *tdt, 0x14);
-    EXPECT_EQ(t["UTC_time"].text, "2026-11-15 19:40:02 UTC");
-    const json_value& o = only("TOT");
+    EXPECT_EQ(t.at("UTC_time").get<std::string>(), "2026-11-15 19:40:02 UTC");
+    const json& o = only("TOT");
     expect_header(o, tot, 0x14);
-    EXPECT_EQ(o["UTC_time"].text, "2026-11-15 19:40:03 UTC");
-    EXPECT_EQ(o["CRC_32"].u64(), tot.CRC);
-    const json_value& c = only("CAT");
+    EXPECT_EQ(o.at("UTC_time").get<std::string>(), "2026-11-15 19:40:03 UTC");
+    EXPECT_EQ(o.at("CRC_32").get<uint64_t>(), tot.CRC);
+    const json& c = only("CAT");
     expect_header(c, cat, 0x01);
     expect_version(c, cat);
-    EXPECT_EQ(c["descriptors"].items.at(0)["CA_PID"].u64(), 0x1FF1u);
+    EXPECT_EQ(c.at("descriptors").at(0).at("CA_PID").get<uint64_t>(), 0x1FF1u);
 }
 
 // ---- texts in every character table; standard output kept for the tables ----
@@ -669,8 +671,7 @@ TEST_F(TsTablesOnTexts, EveryStandardOutputLineIsJsonAndTheLibraryMessageGoesToS
     const auto lines = result.lines();
     ASSERT_EQ(lines.size(), 1u) << result.output;
     for (const auto& line : lines) {
-        json_value table;
-        EXPECT_TRUE(json_reader::parse(line, table)) << line;
+        EXPECT_FALSE(json::parse(line, nullptr, false).is_discarded()) << line;
     }
     EXPECT_NE(errors().find("mpegcore: eit pkt skip\n"), std::string::npos) << errors();
 }
@@ -686,12 +687,13 @@ TEST_F(TsTablesOnTexts, TextOutputKeepsTheLibraryMessageOutToo) {
 TEST_F(TsTablesOnTexts, ServiceNamesInEveryCharacterTableArePrintedAsUtf8) {
     const auto result = run("--json");
     ASSERT_EQ(result.status, 0);
-    json_value sdt;
-    ASSERT_TRUE(json_reader::parse(result.lines().at(0), sdt)) << result.output;
-    const auto& services = sdt["services"].items;
+    const json sdt = json::parse(result.lines().at(0), nullptr, false);
+    ASSERT_FALSE(sdt.is_discarded()) << result.output;
+    const auto& services = sdt.at("services");
     ASSERT_EQ(services.size(), kNames.size());
     for (size_t i = 0; i < kNames.size(); ++i)
-        EXPECT_EQ(services[i]["descriptors"].items.at(0)["service_name"].text, kNames[i].second) << "service " << i + 1;
+        EXPECT_EQ(services[i].at("descriptors").at(0).at("service_name").get<std::string>(), kNames[i].second)
+            << "service " << i + 1;
 }
 
 }  // namespace

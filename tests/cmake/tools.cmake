@@ -1,8 +1,10 @@
 # Suites of the command-line tools: they run the built tools as child
-# processes (their paths come in as compile definitions).
+# processes (their paths come in as compile definitions) and read their JSON
+# with nlohmann-json.
+find_package(nlohmann_json 3 REQUIRED)
 if(TARGET ts-tables AND TARGET t2mi-extract)
   list(APPEND VQ_CUSTOM_SUITES test_tools_ts_tables test_tools_t2mi_extract)
-  vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_tools_ts_tables.cpp)
+  vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_tools_ts_tables.cpp nlohmann_json::nlohmann_json)
   target_compile_definitions(test_tools_ts_tables PRIVATE TS_TABLES_PATH="$<TARGET_FILE:ts-tables>")
   add_dependencies(test_tools_ts_tables ts-tables)
   vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_tools_t2mi_extract.cpp)
@@ -17,10 +19,15 @@ endif()
 if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
   list(APPEND VQ_CUSTOM_SUITES test_tools_monitor)
   add_executable(test_tools_monitor ${CMAKE_CURRENT_SOURCE_DIR}/test_tools_monitor.cpp)
-  target_link_libraries(test_tools_monitor PRIVATE vq_test_support GTest::gtest_main)
+  target_link_libraries(test_tools_monitor PRIVATE vq_test_support GTest::gtest_main nlohmann_json::nlohmann_json)
   target_compile_definitions(test_tools_monitor PRIVATE VQ_MONITOR_PATH="$<TARGET_FILE:vqasi-monitor>"
                              VQ_MONITOR_PRELOAD="${VQ_ELEMENT_PRELOAD}")
   add_dependencies(test_tools_monitor vqasi-monitor gstvqasicapture vqasisim)
+  # scripts/demo.sh runs this build's programs, with the simulator alone preloaded.
+  if(NOT VQ_SANITIZE AND NOT VQ_TSAN)
+    target_compile_definitions(test_tools_monitor PRIVATE VQ_DEMO_SCRIPT="${PROJECT_SOURCE_DIR}/scripts/demo.sh"
+                               VQ_BUILD_DIR="${CMAKE_BINARY_DIR}")
+  endif()
   vq_set_warnings(test_tools_monitor)
   add_test(NAME test_tools_monitor COMMAND test_tools_monitor WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
   set_tests_properties(test_tools_monitor PROPERTIES TIMEOUT 300 ENVIRONMENT
@@ -31,7 +38,6 @@ endif()
 # the metrics checked by promtool, the API parsed with nlohmann-json.
 # A real Prometheus server scrapes it in the second suite.
 if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
-  find_package(nlohmann_json 3 REQUIRED)
   foreach(suite test_tools_monitor_probe test_tools_monitor_prometheus)
     list(APPEND VQ_CUSTOM_SUITES ${suite})
     add_executable(${suite} ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)

@@ -34,55 +34,25 @@ report_node& report_node::push(report_node value) {
     return m_members.back().second;
 }
 
-std::string report_node::json_quote(const std::string& text) {
-    std::string out = "\"";
-    for (const unsigned char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20) {
-                char escaped[8];
-                std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-                out += escaped;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    return out + "\"";
-}
-
-std::string report_node::to_json() const {
-    std::string out;
-    write_json(out);
-    return out;
-}
-
-void report_node::write_json(std::string& out) const {
+nlohmann::ordered_json report_node::to_json() const {
     switch (m_kind) {
-    case kind::number: out += std::to_string(m_number); return;
-    case kind::text: out += json_quote(m_text); return;
-    case kind::object:
-    case kind::array: break;
+    case kind::number: return m_number;
+    case kind::text: return m_text;
+    case kind::array: {
+        nlohmann::ordered_json out = nlohmann::ordered_json::array();
+        for (const auto& member : m_members)
+            out.push_back(member.second.to_json());
+        return out;
     }
-    const bool isObject = m_kind == kind::object;
-    out += isObject ? '{' : '[';
-    bool first = true;
+    case kind::object: break;
+    }
+    nlohmann::ordered_json out = nlohmann::ordered_json::object();
     for (const auto& member : m_members) {
-        if (!first)
-            out += ',';
-        first = false;
-        if (isObject)
-            out += json_quote(member.first) + ':';
-        member.second.write_json(out);
-        if (isObject && member.second.m_kind == kind::number && !member.second.m_text.empty())
-            out += ',' + json_quote(member.first + "_name") + ':' + json_quote(member.second.m_text);
+        out[member.first] = member.second.to_json();
+        if (member.second.m_kind == kind::number && !member.second.m_text.empty())
+            out[member.first + "_name"] = member.second.m_text;
     }
-    out += isObject ? '}' : ']';
+    return out;
 }
 
 std::string report_node::scalar_text() const {

@@ -1,6 +1,8 @@
 #pragma once
 // A small tree of named fields that the command-line tools print either as
-// one line of JSON (for scripts) or as indented text (for people).
+// JSON (for scripts) or as indented text (for people).
+
+#include <nlohmann/json.hpp>
 
 #include <cstdint>
 #include <ostream>
@@ -34,17 +36,13 @@ public:
 
     bool empty() const { return m_members.empty(); }
 
-    // The whole tree as one line of JSON (UTF-8 texts are kept, control
-    // characters escaped).
-    std::string to_json() const;
+    // The whole tree as JSON, members in insertion order.
+    nlohmann::ordered_json to_json() const;
     // Object members as "key: value" lines, nested levels indented by two
     // spaces, array elements introduced by "- ".
     void to_text(std::ostream& out, unsigned indent = 0) const;
 
-    static std::string json_quote(const std::string& text);
-
 private:
-    void write_json(std::string& out) const;
     // Members as lines; the first line starts with firstLead instead of the indent.
     void write_text(std::ostream& out, unsigned indent, const std::string& firstLead) const;
     std::string scalar_text() const;

@@ -135,7 +135,8 @@ private:
         ++m_nPrinted;
         const report_node table = describe();
         if (m_bJson) {
-            m_out << table.to_json() << '\n';
+            // Bytes of a damaged stream that are not UTF-8 become U+FFFD.
+            m_out << table.to_json().dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
         } else {
             m_out << "---\n";
             table.to_text(m_out);

@@ -1,9 +1,10 @@
 // vqasi-monitor: runs one vqasicapture pipeline per port (capture board),
 // analyses each port's stream, shows the statistics, active alarms and check
-// counts of every port once a second, as a screen of text or as JSON lines,
-// and serves them over HTTP (Prometheus metrics, a JSON status API). A board
-// that cannot be opened or disappears is retried without disturbing the other
-// ports. Stops after --duration seconds or on Ctrl-C / SIGTERM.
+// counts of every port once a second, as a screen of text, as scrolling lines
+// of what changed or as JSON lines, and serves them over HTTP (Prometheus
+// metrics, a JSON status API). A board that cannot be opened or disappears is
+// retried without disturbing the other ports. Stops after --duration seconds
+// or on Ctrl-C / SIGTERM.
 
 #include <glib-unix.h>
 #include <gst/gst.h>
@@ -12,8 +13,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,6 +42,7 @@ struct command_line {
     gint maxPids = 0;
     gdouble duration = 0;
     gboolean json = FALSE;
+    gboolean changes = FALSE;
     gboolean version = FALSE;
 
     ~command_line() {
@@ -109,8 +113,8 @@ bool read_settings(const command_line& cl, monitor_settings& settings) {
 
 class monitor {
 public:
-    monitor(const monitor_settings& settings, double duration, bool json, data_output& data)
-        : m_settings(settings), m_duration(duration), m_json(json), m_data(data) {}
+    monitor(const monitor_settings& settings, double duration, bool json, bool changesOnly, data_output& data)
+        : m_settings(settings), m_duration(duration), m_json(json), m_changesOnly(changesOnly), m_data(data) {}
 
     // Builds every port's pipeline and the HTTP server; false with a message.
     bool build() {
@@ -194,7 +198,7 @@ private:
     }
 
     void report(bool final) {
-        if (m_terminal && !m_json)
+        if (m_terminal && !m_json && !m_changesOnly)
             m_data.stream() << "\033[H\033[J";  // redraw the screen in place
         for (auto& port : m_ports) {
             port->refresh();
@@ -216,8 +220,9 @@ private:
         m_data.stream() << line.dump() << '\n';
     }
 
-    // Every line of a port's block starts with its name.
-    void print_text(const port_snapshot& snapshot, const std::vector<std::string>& log, bool final) const {
+    // Every line of a port's block starts with its name. With --changes only
+    // the lines that differ from the ones printed before follow the heading.
+    void print_text(const port_snapshot& snapshot, const std::vector<std::string>& log, bool final) {
         std::ostream& out = m_data.stream();
         const std::string& name = snapshot.options.name;
         for (const auto& line : log)
@@ -228,30 +233,44 @@ private:
                       snapshot.up || snapshot.lastProblem.empty() ? "" : ": ",
                       snapshot.up ? "" : snapshot.lastProblem.c_str());
         out << line;
+        std::map<std::string, std::string>& shown = m_shown[name];
+        const auto print = [&](const std::string& key, const std::string& text) {
+            if (m_changesOnly) {
+                std::string& before = shown[key];
+                if (before == text)
+                    return;
+                before = text;
+            }
+            out << text;
+        };
         for (const auto& item : snapshot.items) {
             std::snprintf(line, sizeof line, "%s:   %-32s %s\n", name.c_str(), item.first.c_str(), item.second.c_str());
-            out << line;
+            print("item " + item.first, line);
         }
-        out << name << ": Active alarms:" << (snapshot.alarms.empty() ? " none" : "") << '\n';
+        std::ostringstream alarms;
+        alarms << name << ": Active alarms:" << (snapshot.alarms.empty() ? " none" : "") << '\n';
         for (const auto& alarm : snapshot.alarms)
-            out << name << ":   " << alarm.code << ' ' << alarm.description << " (count " << alarm.count << ")\n";
+            alarms << name << ":   " << alarm.code << ' ' << alarm.description << " (count " << alarm.count << ")\n";
+        print("alarms", alarms.str());
         std::string errors;
         for (size_t i = 0; i < mpegcore::tr101290_check_count; ++i)
             if (snapshot.tr101290[i])
                 errors += std::string(" ") + mpegcore::tr101290_name(static_cast<mpegcore::tr101290_check>(i)) + "=" +
                           std::to_string(snapshot.tr101290[i]);
-        out << name << ": TR 101 290:" << (errors.empty() ? " no errors" : errors) << '\n';
+        print("tr101290", name + ": TR 101 290:" + (errors.empty() ? " no errors" : errors) + '\n');
     }
 
     const monitor_settings& m_settings;
     const double m_duration;
     const bool m_json;
+    const bool m_changesOnly;
     data_output& m_data;
     std::vector<std::unique_ptr<monitor_port>> m_ports;
     std::unique_ptr<http_server> m_http;
     GMainLoop* m_loop = nullptr;
     const std::chrono::steady_clock::time_point m_started = std::chrono::steady_clock::now();
     bool m_stopping = false;
+    std::map<std::string, std::map<std::string, std::string>> m_shown;  // a port's last printed lines, by key
     const bool m_terminal = isatty(fileno(m_data.file())) != 0;
 };
 
@@ -283,6 +302,10 @@ int main(int argc, char** argv) {
         {"duration", 'D', 0, G_OPTION_ARG_DOUBLE, &cl.duration, "Stop after SECONDS (default: run until Ctrl-C)",
          "SECONDS"},
         {"json", 'j', 0, G_OPTION_ARG_NONE, &cl.json, "Print one JSON object a port a second instead of a screen",
+         nullptr},
+        {"changes", 'C', 0, G_OPTION_ARG_NONE, &cl.changes,
+         "Print the heading of each port a second, then only the lines that changed, scrolling instead of a "
+         "screen",
          nullptr},
         {"version", 0, 0, G_OPTION_ARG_NONE, &cl.version, "Print the version of vqasi-monitor and exit", nullptr},
         {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
@@ -321,7 +344,7 @@ int main(int argc, char** argv) {
         // The element's and the library's messages (g_print, puts) go to
         // standard error; standard output carries only screens or JSON lines.
         data_output data;
-        monitor m(settings, cl.duration, cl.json, data);
+        monitor m(settings, cl.duration, cl.json, cl.changes, data);
         if (m.build())
             status = m.run();
     }
