@@ -98,8 +98,9 @@ as_user man -w ts-tables t2mi-extract vqasi-sim
 echo "=== vqasi-sim -i tests/data/live-025.ts -- vqasi-monitor --duration 3"
 as_user vqasi-sim -i tests/data/live-025.ts -- vqasi-monitor --duration 3 > "$work/monitor.txt" 2> "$work/monitor.err" ||
   { cat "$work/monitor.err"; echo "check-debian: vqasi-monitor failed" >&2; exit 1; }
-grep -E '^ *(Signal state|Raw data counter) ' "$work/monitor.txt" | tail -n 2
-grep -qE '^ *Raw data counter +[1-9]' "$work/monitor.txt" || { echo "check-debian: no data captured" >&2; exit 1; }
+# Each line starts with its port's name (video0:).
+grep -E '^[^ ]+: +(Signal state|Raw data counter) ' "$work/monitor.txt" | tail -n 2
+grep -qE '^[^ ]+: +Raw data counter +[1-9]' "$work/monitor.txt" || { echo "check-debian: no data captured" >&2; exit 1; }
 
 echo "=== applications built with pkg-config --cflags --libs mpegcore vqasicapture"
 cat > "$work/pat_id.cpp" <<'EOF'
