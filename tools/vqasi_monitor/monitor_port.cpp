@@ -168,20 +168,11 @@ gboolean monitor_port::on_retry(gpointer self) {
     return G_SOURCE_REMOVE;
 }
 
+// The capture pushes EOS after its last buffer and nothing after it, so every
+// output (through the tee) ends with all the data and no push is refused.
 void monitor_port::send_eos() {
     m_stopping = true;
-    GstIterator* sinks = gst_bin_iterate_sinks(GST_BIN(m_pipeline));
-    GValue item = G_VALUE_INIT;
-    while (gst_iterator_next(sinks, &item) == GST_ITERATOR_OK) {
-        GstElement* sink = GST_ELEMENT(g_value_get_object(&item));
-        if (GstPad* pad = gst_element_get_static_pad(sink, "sink")) {
-            gst_pad_send_event(pad, gst_event_new_eos());
-            gst_object_unref(pad);
-        }
-        g_value_reset(&item);
-    }
-    g_value_unset(&item);
-    gst_iterator_free(sinks);
+    gst_element_send_event(m_source, gst_event_new_eos());
 }
 
 void monitor_port::stop() {
