@@ -659,6 +659,27 @@ TEST(Simulator, EachDeviceServesItsOwnInput) {
     EXPECT_TRUE(fromB == looped(other, fromB.size()));
 }
 
+TEST(Simulator, ADeviceSuffixOverridesASettingForThatDeviceOnly) {
+    const char* const second = "/dev/vqasi-sim1";
+    std::string file = summary_file();
+    {
+        scoped_env env(settings({{"VQASISIM_DEVICE", std::string(kDevice) + "," + second},
+                                 {"VQASISIM_FRAME_SIZE", "18800"},
+                                 {"VQASISIM_FRAME_SIZE_1", "1880"},
+                                 {"VQASISIM_CC_ERRORS_1", "25"}}));
+        client a;
+        client b(second);
+        ASSERT_TRUE(a.start(4));
+        ASSERT_TRUE(b.start(4));
+        for (const frame_record& f : a.take(3))
+            EXPECT_EQ(f.bytesused, 18800u);
+        for (const frame_record& f : b.take(30))
+            EXPECT_EQ(f.bytesused, 1880u);
+    }
+    EXPECT_EQ(read_summary(file, kDevice).number("cc_errors"), 0u);
+    EXPECT_GT(read_summary(file, second).number("cc_errors"), 0u);
+}
+
 TEST(Simulator, WithoutInputFileServesNullPackets) {
     scoped_env env({{"VQASISIM_DEVICE", kDevice}, {"VQASISIM_PACING", "fast"}, {"VQASISIM_FRAME_SIZE", "1880"}});
     client c;

@@ -18,23 +18,12 @@
 #include "support/test_data.h"
 #include "tools/background_process.h"
 #include "tools/http_fetch.h"
+#include "tools/temp_dir.h"
 #include "tools/tool_runner.h"
 
 namespace {
 
 using vq_test::shell_quote;
-
-struct temp_dir {
-    temp_dir() {
-        char name[] = "/tmp/vqasi-prometheus-XXXXXX";
-        path = mkdtemp(name) ? name : "";
-    }
-    ~temp_dir() {
-        if (!path.empty())
-            vq_test::run_tool("rm -rf " + shell_quote(path));
-    }
-    std::string path;
-};
 
 std::string prometheus_binary() {
     const auto found = vq_test::run_tool("command -v prometheus");
@@ -61,7 +50,7 @@ TEST(VqasiMonitorPrometheus, ScrapedPortsShowBytesContinuityErrorsAndARemovedBoa
     if (prometheus.empty())
         GTEST_SKIP() << "the prometheus binary is not installed (Debian package prometheus); nothing to scrape with";
 
-    temp_dir dir;
+    vq_test::temp_dir dir("vqasi-prometheus");
     ASSERT_FALSE(dir.path.empty());
     // A stream of null packets for the clean port.
     {

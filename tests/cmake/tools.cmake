@@ -53,6 +53,32 @@ if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
   endforeach()
 endif()
 
+# Load and faults: four simulated boards at the full ASI rate, each with its
+# own fault, for VQ_MONITOR_SOAK_SECONDS (a longer run: configure with a larger
+# value). The sanitizer build runs less and at a lower rate.
+if(TARGET vqasi-monitor AND DEFINED VQ_ELEMENT_PRELOAD)
+  if(VQ_SANITIZE)
+    set(VQ_MONITOR_SOAK_SECONDS 20 CACHE STRING "Seconds of the monitor's load-and-fault soak")
+    set(VQ_MONITOR_SOAK_BITRATE 40000000)
+  else()
+    set(VQ_MONITOR_SOAK_SECONDS 60 CACHE STRING "Seconds of the monitor's load-and-fault soak")
+    set(VQ_MONITOR_SOAK_BITRATE 213000000)
+  endif()
+  get_property(VQ_SIM_INCLUDE_DIR GLOBAL PROPERTY VQASISIM_INCLUDE_DIR)
+  list(APPEND VQ_CUSTOM_SUITES test_tools_monitor_soak)
+  add_executable(test_tools_monitor_soak ${CMAKE_CURRENT_SOURCE_DIR}/test_tools_monitor_soak.cpp)
+  target_include_directories(test_tools_monitor_soak PRIVATE ${VQ_SIM_INCLUDE_DIR})
+  target_link_libraries(test_tools_monitor_soak PRIVATE vq_test_support GTest::gtest_main nlohmann_json::nlohmann_json)
+  target_compile_definitions(test_tools_monitor_soak PRIVATE VQ_MONITOR_PATH="$<TARGET_FILE:vqasi-monitor>"
+                             VQ_MONITOR_PRELOAD="${VQ_ELEMENT_PRELOAD}")
+  add_dependencies(test_tools_monitor_soak vqasi-monitor gstvqasicapture vqasisim)
+  vq_set_warnings(test_tools_monitor_soak)
+  add_test(NAME test_tools_monitor_soak COMMAND test_tools_monitor_soak WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/data)
+  math(EXPR VQ_MONITOR_SOAK_TIMEOUT "${VQ_MONITOR_SOAK_SECONDS} + 240")
+  set_tests_properties(test_tools_monitor_soak PROPERTIES TIMEOUT ${VQ_MONITOR_SOAK_TIMEOUT} ENVIRONMENT
+    "GST_PLUGIN_PATH=${VQASI_PLUGIN_DIR};GST_REGISTRY=${CMAKE_CURRENT_BINARY_DIR}/monitor-registry.bin;VQ_SOAK_SECONDS=${VQ_MONITOR_SOAK_SECONDS};VQ_SOAK_BITRATE=${VQ_MONITOR_SOAK_BITRATE};${VQ_ELEMENT_ASAN_OPTIONS}")
+endif()
+
 # The shipped monitoring extras: alert rules under promtool's unit tests, the
 # systemd unit under systemd-analyze (skipped where either is missing).
 find_program(VQ_PROMTOOL promtool)

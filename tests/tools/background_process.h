@@ -36,6 +36,8 @@ public:
     background_process& operator=(const background_process&) = delete;
 
     bool started() const { return m_pid > 0; }
+    // The tool's own process: the command is exec'ed, so the shell's pid is the tool's.
+    pid_t pid() const { return m_pid; }
 
     // SIGTERM, then the exit status (-1 when it did not exit by itself in 20 s).
     int stop() {

@@ -13,9 +13,16 @@ namespace {
 constexpr uint64_t kFrameNs = 20000000;  // one frame per 20 ms of stream
 constexpr uint64_t kFramesPerSecond = 50;
 
-const char* env(const char* name) {
-    const char* v = std::getenv(name);
+const char* env_exact(const std::string& name) {
+    const char* v = std::getenv(name.c_str());
     return v && *v ? v : nullptr;
+}
+
+// A setting of one device: NAME_<index> overrides NAME, so that one board of
+// several can carry its own faults.
+const char* env(const char* name, size_t device) {
+    const char* v = env_exact(std::string(name) + "_" + std::to_string(device));
+    return v ? v : env_exact(name);
 }
 
 bool parse_uint(const std::string& text, uint64_t& value) {
@@ -34,8 +41,9 @@ void warn(std::string& warnings, const char* name, const std::string& value, con
     warnings += std::string(name) + "='" + value + "' ignored: expected " + expected + "\n";
 }
 
-void read_uint(const char* name, uint64_t min, uint64_t max, uint64_t& target, std::string& warnings) {
-    const char* v = env(name);
+void read_uint(const char* name, size_t device, uint64_t min, uint64_t max, uint64_t& target,
+               std::string& warnings) {
+    const char* v = env(name, device);
     if (!v)
         return;
     uint64_t value = 0;
@@ -45,8 +53,8 @@ void read_uint(const char* name, uint64_t min, uint64_t max, uint64_t& target, s
         warn(warnings, name, v, ("a whole number from " + std::to_string(min) + " to " + std::to_string(max)).c_str());
 }
 
-void read_every_count(const char* name, every_count& target, std::string& warnings) {
-    const char* v = env(name);
+void read_every_count(const char* name, size_t device, every_count& target, std::string& warnings) {
+    const char* v = env(name, device);
     if (!v)
         return;
     std::string text(v);
@@ -208,52 +216,52 @@ bool config::mixed_packet_sizes() const {
 }
 
 std::vector<std::string> configured_devices() {
-    const char* v = env("VQASISIM_DEVICE");
+    const char* v = env_exact("VQASISIM_DEVICE");
     return v ? split(v, ',') : std::vector<std::string>();
 }
 
-config read_config(std::string& warnings) {
+config read_config(std::string& warnings, size_t device_index) {
     config c;
     c.devices = configured_devices();
-    if (const char* v = env("VQASISIM_INPUT"))
+    if (const char* v = env("VQASISIM_INPUT", device_index))
         c.inputs = split(v, ',');
 
     uint64_t value = 0;
-    read_uint("VQASISIM_BITRATE", 8000, 10000000000ull, c.bitrate, warnings);
+    read_uint("VQASISIM_BITRATE", device_index, 8000, 10000000000ull, c.bitrate, warnings);
     value = 0;
-    read_uint("VQASISIM_FRAME_SIZE", 1, 64u << 20, value, warnings);
+    read_uint("VQASISIM_FRAME_SIZE", device_index, 1, 64u << 20, value, warnings);
     if (value != 0)
         c.frame_size = uint32_t(value);
     else if (c.bitrate != 0)
         c.frame_size = uint32_t(std::max<uint64_t>(1, c.bitrate / 8 / kFramesPerSecond));
 
-    if (const char* v = env("VQASISIM_PACING")) {
+    if (const char* v = env("VQASISIM_PACING", device_index)) {
         if (std::strcmp(v, "realtime") == 0 || std::strcmp(v, "fast") == 0)
             c.realtime = std::strcmp(v, "realtime") == 0;
         else
             warn(warnings, "VQASISIM_PACING", v, "realtime or fast");
     }
     value = c.prefilled;
-    read_uint("VQASISIM_PREFILLED", 0, 1, value, warnings);
+    read_uint("VQASISIM_PREFILLED", device_index, 0, 1, value, warnings);
     c.prefilled = value != 0;
     value = c.multi_planar;
-    read_uint("VQASISIM_MPLANE", 0, 1, value, warnings);
+    read_uint("VQASISIM_MPLANE", device_index, 0, 1, value, warnings);
     c.multi_planar = value != 0;
     value = c.max_buffers;
-    read_uint("VQASISIM_BUFFERS", 1, 64, value, warnings);
+    read_uint("VQASISIM_BUFFERS", device_index, 1, 64, value, warnings);
     c.max_buffers = uint32_t(value);
 
-    if (const char* v = env("VQASISIM_SIGNAL")) {
+    if (const char* v = env("VQASISIM_SIGNAL", device_index)) {
         if (!parse_script(v, c.signal, parse_signal_kind)) {
             c.signal.clear();
             warn(warnings, "VQASISIM_SIGNAL", v, "STATE[:SECONDS],... with states ok nodata nolink nolock range unknown");
         }
     }
-    read_every_count("VQASISIM_SEQ_GAP", c.seq_gap, warnings);
-    read_every_count("VQASISIM_GARBAGE", c.garbage, warnings);
-    read_every_count("VQASISIM_EMPTY", c.empty, warnings);
-    read_uint("VQASISIM_CC_ERRORS", 2, UINT64_MAX, c.cc_every, warnings);
-    if (const char* v = env("VQASISIM_PACKET_SIZE")) {
+    read_every_count("VQASISIM_SEQ_GAP", device_index, c.seq_gap, warnings);
+    read_every_count("VQASISIM_GARBAGE", device_index, c.garbage, warnings);
+    read_every_count("VQASISIM_EMPTY", device_index, c.empty, warnings);
+    read_uint("VQASISIM_CC_ERRORS", device_index, 2, UINT64_MAX, c.cc_every, warnings);
+    if (const char* v = env("VQASISIM_PACKET_SIZE", device_index)) {
         if (parse_script(v, c.packet_sizes, parse_packet_size)) {
             c.packet_size = c.packet_sizes.front().value;
         } else {
@@ -261,7 +269,7 @@ config read_config(std::string& warnings) {
             warn(warnings, "VQASISIM_PACKET_SIZE", v, "188, 204 or SIZE[:SECONDS],... with sizes 188 and 204");
         }
     }
-    if (const char* v = env("VQASISIM_DATA_GAP")) {
+    if (const char* v = env("VQASISIM_DATA_GAP", device_index)) {
         std::string text(v);
         size_t colon = text.find(':');
         every_length gap;
@@ -271,7 +279,7 @@ config read_config(std::string& warnings) {
         else
             warn(warnings, "VQASISIM_DATA_GAP", text, "EVERY:LENGTH in seconds, both above 0");
     }
-    if (const char* v = env("VQASISIM_REMOVE_AFTER")) {
+    if (const char* v = env("VQASISIM_REMOVE_AFTER", device_index)) {
         double seconds = 0;
         if (std::strcmp(v, "0") == 0 || parse_seconds(v, seconds))
             c.remove_after = seconds;
@@ -279,7 +287,7 @@ config read_config(std::string& warnings) {
             warn(warnings, "VQASISIM_REMOVE_AFTER", v, "a number of seconds, 0 or more");
     }
 
-    if (const char* v = env("VQASISIM_FAIL")) {
+    if (const char* v = env("VQASISIM_FAIL", device_index)) {
         for (const std::string& item : split(v, ',')) {
             fail_rule rule;
             if (parse_fail_rule(item, rule))
@@ -288,7 +296,7 @@ config read_config(std::string& warnings) {
                 warn(warnings, "VQASISIM_FAIL", item, "NAME[@N][=ERRNO]");
         }
     }
-    if (const char* v = env("VQASISIM_SUMMARY"))
+    if (const char* v = env_exact("VQASISIM_SUMMARY"))
         c.summary_path = v;
     return c;
 }

@@ -101,9 +101,10 @@ struct config {
     bool mixed_packet_sizes() const;
 };
 
-// Reads every VQASISIM_* variable; problems are described in `warnings`, one per line,
-// and the setting keeps its default.
-config read_config(std::string& warnings);
+// Reads every VQASISIM_* variable for the device at `device_index` in
+// VQASISIM_DEVICE (VQASISIM_NAME_<index> before VQASISIM_NAME); problems are
+// described in `warnings`, one per line, and the setting keeps its default.
+config read_config(std::string& warnings, size_t device_index);
 
 // Device paths only: cheap enough to check on every open().
 std::vector<std::string> configured_devices();

@@ -141,7 +141,7 @@ sim_device::~sim_device() { free_buffers(); }
 
 void sim_device::start_session() {
     std::string warnings;
-    m_config = read_config(warnings);
+    m_config = read_config(warnings, m_index);
     for (const std::string& line : split(warnings, '\n'))
         std::fprintf(stderr, "vqasisim: %s\n", line.c_str());
     m_openedNs = monotonic_ns();
