@@ -91,6 +91,8 @@ struct port_line {
     uint64_t dropped = 0;
     uint64_t rawBytes = 0;
     uint64_t continuityErrors = 0;
+    uint64_t badBytes = 0;
+    uint64_t analysedPackets = 0;
 };
 
 uint64_t statistic(const nlohmann::json& line, const char* item) {
@@ -126,6 +128,8 @@ std::map<std::string, std::vector<port_line>> read_lines(const std::string& outp
         p.dropped = statistic(line, "Asi dropped frames");
         p.rawBytes = statistic(line, "Raw data counter");
         p.continuityErrors = line["tr101290"].value("Continuity_count_error", 0);
+        p.badBytes = statistic(line, "Bad bytes");
+        p.analysedPackets = line["ts"].value("packets", 0);
         ports[line.value("name", "")].push_back(p);
     }
     return ports;
@@ -308,23 +312,27 @@ TEST(VqasiMonitorSoak, FourFullRatePortsWithFaultsRunFlatAndAgreeWithTheBoards) 
     EXPECT_GT(summaries["garbage"].number("garbage_insertions"), 0u);
     EXPECT_GT(metric_sum(scrape, "vqasi_bad_bytes_total{port=\"garbage\""), 0u);
 
-    // Continuity errors: the monitor counts exactly the packets left out in the
-    // frames it analysed (not in the first, empty ones, nor in frames filled but
-    // never handed over at the stop).
+    // Continuity errors: the monitor counts exactly the packets left out before
+    // the packets it analysed. The analysis starts after the first, empty
+    // frames and the bytes skipped to find the first packet, and ends with the
+    // stop (the capture pushes nothing after its EOS, and frames the board had
+    // filled but not handed over are never seen). A left-out packet is counted
+    // at the packet that follows it, which stands at the mark's position.
     const auto& cc = summaries["cc"];
-    const uint64_t dequeued = cc.number("frames_dequeued");
+    const port_line& ccLast = lines.at("cc").back();
+    const uint64_t analysedFrom = kEmptyFirstFrames * frameSize + ccLast.badBytes;
+    const uint64_t analysedTo = analysedFrom + ccLast.analysedPackets * 188;
     uint64_t injected = 0;
-    for (const auto& event : cc.events_of("cc"))
-    {
+    for (const auto& event : cc.events_of("cc")) {
         const uint64_t frame = std::strtoull(event.at("frame").c_str(), nullptr, 10);
-        if (frame >= kEmptyFirstFrames && frame < dequeued)
+        const uint64_t at = frame * frameSize + std::strtoull(event.at("pos").c_str(), nullptr, 10);
+        if (at >= analysedFrom && at < analysedTo)
             ++injected;
     }
-    const port_line& ccLast = lines.at("cc").back();
     const uint64_t scraped =
         metric_sum(scrape, "vqasi_tr101290_errors_total{port=\"cc\",check=\"Continuity_count_error\"");
     const uint64_t scrapedPid = metric_sum(scrape, "vqasi_pid_cc_errors_total{port=\"cc\"");
-    std::printf("cc port: %llu packets left out by the board (%llu in frames analysed), the monitor counted %llu "
+    std::printf("cc port: %llu packets left out by the board (%llu in the packets analysed), the monitor counted %llu "
                 "continuity errors (%llu in the scrape 2 s before the end, %llu on PID %u)\n",
                 static_cast<unsigned long long>(cc.number("cc_errors")), static_cast<unsigned long long>(injected),
                 static_cast<unsigned long long>(ccLast.continuityErrors), static_cast<unsigned long long>(scraped),

@@ -15,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "analysis_json.h"
 #include "data_output.h"
 #include "mpegcore/TsAnalyzer.h"
 
@@ -72,12 +73,8 @@ json toJson(const CTsAnalyzer& analyzer) {
         checks[tr101290_name(check)] = analyzer.count(check);
     }
     json pids = json::array();
-    for (const auto& f : analyzer.pid_figures()) {
-        pids.push_back({{"pid", f.pid}, {"packets", f.packets}, {"bitrate", f.bitrate}, {"cc_errors", f.cc_errors},
-                        {"duplicates", f.duplicates}, {"scrambled", f.scrambled}, {"tei", f.tei}, {"pcr", f.pcr},
-                        {"pts", f.pts}, {"dts", f.dts},
-                        {"service", f.service < 0 ? json(nullptr) : json(f.service)}});
-    }
+    for (const auto& f : analyzer.pid_figures())
+        pids.push_back(pid_figures_json(f));
     out["pids"] = pids;
     json tables = json::array();
     for (const auto& t : analyzer.table_figures()) {
@@ -92,8 +89,7 @@ json toJson(const CTsAnalyzer& analyzer) {
         services.push_back({{"service_id", s.service_id}, {"pmt_pid", s.pmt_pid}, {"pcr_pid", s.pcr_pid},
                             {"pids", s.pids}});
     out["services"] = services;
-    const ts_stream_figures ts = analyzer.stream_figures();
-    out["ts"] = {{"packets", ts.packets}, {"bitrate", ts.bitrate}, {"duration_ms", ts.duration_ms}};
+    out["ts"] = stream_figures_json(analyzer.stream_figures());
     return out;
 }
 

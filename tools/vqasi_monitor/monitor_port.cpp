@@ -279,6 +279,7 @@ void monitor_port::refresh() {
         for (size_t i = 0; i < mpegcore::tr101290_check_count; ++i)
             next.tr101290[i] = m_analyzer.count(static_cast<mpegcore::tr101290_check>(i));
         next.pids = m_analyzer.pid_figures();
+        next.ts = m_analyzer.stream_figures();
     }
     std::stable_sort(next.pids.begin(), next.pids.end(),
                      [](const mpegcore::ts_pid_figures& a, const mpegcore::ts_pid_figures& b) {

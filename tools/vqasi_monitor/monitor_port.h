@@ -43,6 +43,7 @@ struct port_snapshot {
     std::vector<port_alarm> alarms;                          // the active ones
     std::array<uint64_t, mpegcore::tr101290_check_count> tr101290{};
     std::vector<mpegcore::ts_pid_figures> pids;              // busiest first, at most max-pids
+    mpegcore::ts_stream_figures ts;                          // the analysis's packets, rate, duration
 };
 
 class monitor_port {

@@ -4,6 +4,8 @@
 #include <functional>
 #include <sstream>
 
+#include "analysis_json.h"
+
 namespace {
 
 // A label value with backslash, quote and newline escaped.
@@ -152,5 +154,10 @@ nlohmann::json port_json(const port_snapshot& port) {
     for (size_t i = 0; i < mpegcore::tr101290_check_count; ++i)
         checks[mpegcore::tr101290_name(static_cast<mpegcore::tr101290_check>(i))] = port.tr101290[i];
     j["tr101290"] = checks;
+    nlohmann::json pids = nlohmann::json::array();
+    for (const auto& pid : port.pids)
+        pids.push_back(nlohmann::json(pid_figures_json(pid)));
+    j["pids"] = pids;
+    j["ts"] = nlohmann::json(stream_figures_json(port.ts));
     return j;
 }
