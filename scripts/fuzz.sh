@@ -22,7 +22,7 @@ export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 
-read -r -a TARGETS <<<"${FUZZ_TARGETS:-sync parser t2mi descriptors pat pmt cat tsdt tdt tot nit sdt bat eit roundtrip text analyzer}"
+read -r -a TARGETS <<<"${FUZZ_TARGETS:-$(tr '\n' ' ' < fuzz/targets.txt)}"
 read -r -a EXTRA_ARGS <<<"${FUZZ_ARGS:-}"
 
 max_len() {

@@ -1,9 +1,5 @@
 # Statistics and alarm suites: they link the element-side library, and the
 # multi-threaded ones carry the label "tsan" for the ThreadSanitizer run.
-if(NOT TARGET vqasicapture_core)
-  return()
-endif()
-
 set(VQ_ALARMS_SUITES
   test_statistics
   test_statistics_rates
@@ -15,7 +11,6 @@ set(VQ_ALARMS_TSAN_SUITES
   test_statistics_concurrency
   test_alarms_stress
   test_polling_alarm_manager)
-list(APPEND VQ_CUSTOM_SUITES ${VQ_ALARMS_SUITES} ${VQ_ALARMS_TSAN_SUITES})
 
 foreach(suite ${VQ_ALARMS_SUITES})
   vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp vqasicapture_core)

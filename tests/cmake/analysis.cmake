@@ -1,10 +1,7 @@
 # ts-analyze on the captures and on generated streams, and ts-tables on packed
 # sections; the tools run as child processes.
-if(TARGET ts-analyze AND TARGET ts-tables)
-  find_package(nlohmann_json 3 REQUIRED)
-  list(APPEND VQ_CUSTOM_SUITES test_tools_ts_analyze)
-  vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_tools_ts_analyze.cpp nlohmann_json::nlohmann_json)
-  target_compile_definitions(test_tools_ts_analyze PRIVATE TS_ANALYZE_PATH="$<TARGET_FILE:ts-analyze>"
-                             TS_TABLES_PATH="$<TARGET_FILE:ts-tables>")
-  add_dependencies(test_tools_ts_analyze ts-analyze ts-tables)
-endif()
+vq_require_package(nlohmann_json nlohmann-json3-dev 3)
+vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_tools_ts_analyze.cpp nlohmann_json::nlohmann_json)
+target_compile_definitions(test_tools_ts_analyze PRIVATE TS_ANALYZE_PATH="$<TARGET_FILE:ts-analyze>"
+                           TS_TABLES_PATH="$<TARGET_FILE:ts-tables>")
+add_dependencies(test_tools_ts_analyze ts-analyze ts-tables)

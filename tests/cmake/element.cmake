@@ -4,11 +4,8 @@
 # front of the simulator, so that child processes (gst-inspect-1.0, the plug-in
 # scanner) can load the instrumented plug-in too. test_element_static links the
 # plug-in's registration code instead and runs without GST_PLUGIN_PATH.
-if(NOT TARGET gstvqasicapture OR NOT TARGET vqasisim)
-  return()
-endif()
-
-pkg_check_modules(GST_CHECK REQUIRED IMPORTED_TARGET gstreamer-check-1.0 gstreamer-app-1.0)
+vq_require_pkgconfig(GST_CHECK "libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev" gstreamer-check-1.0
+                     gstreamer-app-1.0)
 get_property(VQ_SIM_INCLUDE_DIR GLOBAL PROPERTY VQASISIM_INCLUDE_DIR)
 
 set(VQ_ELEMENT_PRELOAD $<TARGET_FILE:vqasisim>)
@@ -40,10 +37,6 @@ set(VQ_ELEMENT_SUITES test_element_plugin test_element_capture test_element_alar
                       test_element_pause test_element_eos test_element_static test_element_analysis
                       test_element_interop test_element_live test_element_messages test_element_stats)
 foreach(suite ${VQ_ELEMENT_SUITES})
-  if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
-    continue()
-  endif()
-  list(APPEND VQ_CUSTOM_SUITES ${suite})
   add_executable(${suite} ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.cpp)
   target_link_libraries(${suite} PRIVATE vq_test_support GTest::gtest_main vqasicapture_core PkgConfig::GST_CHECK)
   target_include_directories(${suite} PRIVATE ${VQ_SIM_INCLUDE_DIR})

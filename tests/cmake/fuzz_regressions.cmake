@@ -1,7 +1,6 @@
 # Replays the fuzz seed corpora and the kept fuzz findings through the
 # harness bodies of fuzz/ (the libFuzzer targets themselves are built by
 # scripts/fuzz.sh with clang).
-list(APPEND VQ_CUSTOM_SUITES test_fuzz_regressions)
 vq_add_test_suite(${CMAKE_CURRENT_SOURCE_DIR}/test_fuzz_regressions.cpp)
 target_sources(test_fuzz_regressions PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/../fuzz/harnesses.cpp)
 target_include_directories(test_fuzz_regressions PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/../fuzz)

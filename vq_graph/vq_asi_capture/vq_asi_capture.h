@@ -111,7 +111,7 @@ private:
     vq_v4l2_asi_input_device m_asi;
     mpegcore::vq_mpegts_sync m_sync;
     std::shared_ptr<GstBufferPool> m_pAsiBufferPool;
-    std::recursive_mutex m_cs;
+    std::recursive_mutex m_cs;  // kept for the interface; nothing uses it
     std::thread m_asi_thread;
     std::shared_ptr<std::promise<void>> m_fAsiExit;
     std::future<void> m_fAsiDone;  // ready once the capture thread has returned

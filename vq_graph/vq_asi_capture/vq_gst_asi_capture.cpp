@@ -8,7 +8,7 @@
 namespace {
 
 GstElementClass* parent_class = nullptr;
-GType vq_asi_capture_type = 0;
+gsize vq_asi_capture_type = 0;  // the GType, once registered
 
 GstStaticPadTemplate src_asi_pad =
     GST_STATIC_PAD_TEMPLATE("src_asi", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(VQ_ASI_CAPS));
@@ -129,8 +129,9 @@ const GstPluginDesc plugin_desc = {
 
 }  // namespace
 
+// Registered once, whichever thread asks first (g_once: others wait for it).
 GType gst_vqasicapture_get_type(void) {
-    if (!vq_asi_capture_type) {
+    if (g_once_init_enter(&vq_asi_capture_type)) {
         static const GTypeInfo info = {
             sizeof(Gstvqasicaptureclass),
             gst_vq_asi_capture_base_init,
@@ -143,8 +144,8 @@ GType gst_vqasicapture_get_type(void) {
             gst_vq_asi_capture_init,
             nullptr,
         };
-        vq_asi_capture_type =
-            g_type_register_static(GST_TYPE_ELEMENT, "GstVqAsiCaptureType", &info, static_cast<GTypeFlags>(0));
+        g_once_init_leave(&vq_asi_capture_type, g_type_register_static(GST_TYPE_ELEMENT, "GstVqAsiCaptureType",
+                                                                       &info, static_cast<GTypeFlags>(0)));
     }
     return vq_asi_capture_type;
 }

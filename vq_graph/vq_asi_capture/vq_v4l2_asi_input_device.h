@@ -49,6 +49,7 @@ public:
 
     // Hands out the next filled buffer; it stays ours until the next successful call.
     bool map_data(uint64_t& tStart, uint64_t& tStop, uint64_t& frameNumber, uint8_t** data, size_t& size);
+    // Kept for the interface: does nothing (the buffer goes back with the next map_data).
     void unmap_data();
 
     // errno of the latest failed open or request (0 before any).
@@ -83,9 +84,9 @@ private:
     uint64_t m_nFrameNumber;
     size_t m_buffer_size;
     v4l2_pix_format m_fmtVideo;
-    std::recursive_mutex m_cs;
-    std::thread m_thread;
-    std::shared_ptr<std::promise<void>> m_fExit;
+    std::recursive_mutex m_cs;                    // kept for the interface; nothing uses it
+    std::thread m_thread;                         // kept for the interface; nothing uses it
+    std::shared_ptr<std::promise<void>> m_fExit;  // kept for the interface; nothing uses it
     std::chrono::steady_clock::time_point m_tLastHWFrame;
     int m_nErrno = 0;
 };

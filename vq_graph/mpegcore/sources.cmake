@@ -1,0 +1,67 @@
+# The sources and headers of mpegcore (paths relative to vq_graph/), for its
+# library here and for the fuzz build, which compiles them again.
+set(MPEGCORE_SOURCES
+  mpegcore/BAT.cpp
+  mpegcore/BaseDescriptor.cpp
+  mpegcore/BaseMpegParser.cpp
+  mpegcore/BaseMpegProgram.cpp
+  mpegcore/BaseMpegTable.cpp
+  mpegcore/BasePID.cpp
+  mpegcore/DataAccumulator.cpp
+  mpegcore/DescriptorLoopTable.cpp
+  mpegcore/DvbDescriptors.cpp
+  mpegcore/DvbText.cpp
+  mpegcore/EIT.cpp
+  mpegcore/MpegCRC32.cpp
+  mpegcore/MpegDescriptors.cpp
+  mpegcore/MpegMisc.cpp
+  mpegcore/NIT.cpp
+  mpegcore/PAT.cpp
+  mpegcore/PMT.cpp
+  mpegcore/SDT.cpp
+  mpegcore/Scte35Descriptors.cpp
+  mpegcore/SectionAssembler.cpp
+  mpegcore/T2MIToTS.cpp
+  mpegcore/TDT.cpp
+  mpegcore/TOT.cpp
+  mpegcore/TsAnalyzer.cpp
+  mpegcore/VQStringUtils.cpp
+  mpegcore/vq_mpegts_sync.cpp
+  mpegcore/vqdescriptorlist.cpp
+)
+set(MPEGCORE_HEADERS
+  mpegcore/BAT.h
+  mpegcore/BaseDescriptor.h
+  mpegcore/BaseMpegParser.h
+  mpegcore/BaseMpegProgram.h
+  mpegcore/BaseMpegTable.h
+  mpegcore/BasePID.h
+  mpegcore/CAT.h
+  mpegcore/DataAccumulator.h
+  mpegcore/DescriptorLoopTable.h
+  mpegcore/DvbDescriptors.h
+  mpegcore/DvbText.h
+  mpegcore/EIT.h
+  mpegcore/MpegCRC32.h
+  mpegcore/MpegDescriptors.h
+  mpegcore/MpegMisc.h
+  mpegcore/NIT.h
+  mpegcore/PAT.h
+  mpegcore/PMT.h
+  mpegcore/SDT.h
+  mpegcore/Scte35Descriptors.h
+  mpegcore/SectionAssembler.h
+  mpegcore/T2MIToTS.h
+  mpegcore/TDT.h
+  mpegcore/TOT.h
+  mpegcore/TSDT.h
+  mpegcore/TransportStreamLoop.h
+  mpegcore/TsAnalyzer.h
+  mpegcore/VQAlignMemory.h
+  mpegcore/VQBSReader.h
+  mpegcore/VQBSWriter.h
+  mpegcore/VQStringUtils.h
+  mpegcore/vq_mpeg_alarm_event.h
+  mpegcore/vq_mpegts_sync.h
+  mpegcore/vqdescriptorlist.h
+)
