@@ -478,6 +478,13 @@ bool vq_asi_capture::push_data(uint64_t tStart, uint64_t tStop, uint64_t, uint8_
     if (!isConnect(m_asi_pad.pad))
         return false;
     m_sync.push_data(tStart, tStop, data, size);
+    // The no-input watchdog is fed once for a frame that handed on packets: its
+    // time out is seconds, and reading the clock for every packet cost more than
+    // the rest of the feed.
+    if (m_bInputInFrame) {
+        m_bInputInFrame = false;
+        m_alarms.input_data_event();
+    }
     return true;
 }
 
@@ -505,7 +512,7 @@ bool vq_asi_capture::receive_data(uint64_t pts, uint8_t* data, size_t size) {
     // The segment starts at the first packet after each start.
     if (m_send_asi_new_segment)
         push_segment(pts);
-    m_alarms.input_data_event();
+    m_bInputInFrame = true;
     vq_video_statistics& asi = m_statistics.asi();
     asi.set_bad_bytes(m_sync.get_bad_bytes());
     asi.set_data_count(size);

@@ -128,6 +128,7 @@ private:
     // Downstream answered a push with a fatal flow: nothing more is pushed until the next start.
     std::atomic<bool> m_bFlowError{false};
     bool m_bDeviceLostWarned = false;  // capture thread only
+    bool m_bInputInFrame = false;      // capture thread only: the frame handed on a packet
     std::shared_ptr<GstSegment> m_pAsiSegment;
     std::string m_strV4l2Name;
     eInputType m_eInputType = eInputTS;
