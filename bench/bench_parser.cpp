@@ -15,11 +15,14 @@
 #include <vector>
 
 #include "mpegcore/BaseMpegParser.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/T2MIToTS.h"
 #include "mpegcore/TsAnalyzer.h"
 #include "mpegcore/vq_mpegts_sync.h"
 
 namespace {
+
+using mpegcore::kTsPacketSize;
 
 size_t targetBytes() {
     const char* mb = std::getenv("VQ_BENCH_MB");
@@ -73,7 +76,7 @@ void BM_Sync(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }
 // Frames of 348 whole packets are delivered in place; 64 KiB frames carry a tail.
-BENCHMARK(BM_Sync)->Arg(188 * 348)->Arg(65536)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Sync)->Arg(kTsPacketSize * 348)->Arg(65536)->Unit(benchmark::kMillisecond);
 
 // The whole stream through one parser in a single call.
 void parseWhole(benchmark::State& state, std::vector<uint8_t>& data) {
@@ -105,7 +108,7 @@ public:
 private:
     void packet(uint16_t pid, bool unitStart, std::vector<uint8_t> payload) {
         payload.resize(184, 0xFF);
-        m_out.push_back(0x47);
+        m_out.push_back(mpegcore::kSyncByte);
         m_out.push_back(static_cast<uint8_t>((unitStart ? 0x40 : 0) | (pid >> 8)));
         m_out.push_back(static_cast<uint8_t>(pid));
         m_out.push_back(static_cast<uint8_t>(0x10 | (m_cc[pid]++ & 0x0F)));
@@ -135,7 +138,7 @@ std::vector<uint8_t>& multiplexStream() {
             pat.program_map[pmtPid] = program;
 
             auto pmt = std::make_unique<mpegcore::CPMT>(nullptr, 1024);
-            pmt->table_id = 0x02;
+            pmt->table_id = mpegcore::kTableIdPMT;
             pmt->section_syntax_indicator = 1;
             pmt->current_next_indicator = 1;
             pmt->program_number = n;
@@ -159,10 +162,10 @@ std::vector<uint8_t>& multiplexStream() {
 
         std::vector<uint8_t> out;
         const size_t target = targetBytes();
-        out.reserve(target + 1000 * 188);
+        out.reserve(target + 1000 * kTsPacketSize);
         PacketMaker maker(out);
         while (out.size() < target) {
-            maker.section(0x0000, pat);
+            maker.section(mpegcore::kPidPAT, pat);
             for (const auto& pmt : pmts)
                 maker.section(static_cast<uint16_t>(pmt->PCR_PID - 1), *pmt);
             for (size_t i = 0; i < 1000 - 1 - pmts.size(); ++i)
@@ -191,7 +194,7 @@ void BM_SyncAndParser(benchmark::State& state) {
         pushFrames(sync, data, frameSize);
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }
-BENCHMARK(BM_SyncAndParser)->Arg(188 * 348)->Arg(65536)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SyncAndParser)->Arg(kTsPacketSize * 348)->Arg(65536)->Unit(benchmark::kMillisecond);
 
 // The stream analysis over raw bytes in runs of 64 KiB, timed by byte
 // position at 40 Mbit/s; the analyzer runs on across iterations, so times
@@ -233,8 +236,8 @@ void BM_T2MI(benchmark::State& state) {
     auto& data = t2miStream();
     CountingDecapsulator decapsulator;
     for (auto _ : state)
-        for (size_t pos = 0; pos + 188 <= data.size(); pos += 188)
-            decapsulator.Process(data.data() + pos, 188);
+        for (size_t pos = 0; pos + kTsPacketSize <= data.size(); pos += kTsPacketSize)
+            decapsulator.Process(data.data() + pos, kTsPacketSize);
     benchmark::DoNotOptimize(decapsulator.packets);
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }

@@ -16,6 +16,7 @@
 #include "mpegcore/DvbText.h"
 #include "mpegcore/EIT.h"
 #include "mpegcore/MpegCRC32.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/NIT.h"
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
@@ -38,9 +39,6 @@ using namespace mpegcore;
 using Reader = VQSDK::VQBSReaderT<unsigned char*>;
 using Writer = VQSDK::VQBSWriterT<unsigned char*>;
 using Bytes = std::vector<uint8_t>;
-
-constexpr size_t kPacketSize = 188;
-constexpr uint8_t kSyncByte = 0x47;
 
 // A heap copy of exactly the given bytes, so that the address sanitizer sees
 // any access past either end (the library takes non-const pointers).
@@ -207,12 +205,12 @@ void forEachList(const CEIT& table, Visit visit) {
 void checkKeys(const CBaseMpegTable&, Findings&) {}
 void checkKeys(const CPAT& table, Findings& findings) {
     for (const auto& entry : table.program_map)
-        findings.check(entry.first == entry.second.map_PID.program_map_PID && entry.first < 0x2000,
+        findings.check(entry.first == entry.second.map_PID.program_map_PID && entry.first < kPidCount,
                        "PAT entry stored under another PID");
 }
 void checkKeys(const CPMT& table, Findings& findings) {
     for (const auto& stream : table.stream_map)
-        findings.check(stream.second && stream.first == stream.second->elementary_PID && stream.first < 0x2000,
+        findings.check(stream.second && stream.first == stream.second->elementary_PID && stream.first < kPidCount,
                        "PMT stream stored under another PID");
 }
 void checkKeys(const CSDT& table, Findings& findings) {
@@ -337,7 +335,7 @@ public:
             return 0;
         // What was parsed, independent of how the bytes were cut into calls.
         ++m_nPackets;
-        for (size_t i = 0; i < kPacketSize; ++i)
+        for (size_t i = 0; i < kTsPacketSize; ++i)
             m_nDigest = (m_nDigest ^ packet.pStartDataPkt[i]) * 1099511628211ull;
         return 0;
     }
@@ -345,7 +343,7 @@ public:
     void on_cc_error(unsigned short) override { m_nCcErrors++; }
     int OnProcess(unsigned int, transport_packet& packet) override {
         checkPacket(packet);
-        const unsigned char* end = packet.pStartDataPkt + kPacketSize;
+        const unsigned char* end = packet.pStartDataPkt + kTsPacketSize;
         m_findings.check(packet.pCurrDataPkt >= packet.pStartDataPkt + 4 && packet.pCurrDataPkt <= end &&
                              packet.lCurrSizePkt >= 0 && packet.pCurrDataPkt + packet.lCurrSizePkt == end,
                          "payload range leaves the packet");
@@ -384,14 +382,14 @@ private:
     // False when the packet lies outside the bytes given to Process.
     bool checkPacket(const transport_packet& packet) {
         const unsigned char* p = packet.pStartDataPkt;
-        const bool inCall = within(p, kPacketSize, m_pCall, m_nCall);
-        const bool inTail = within(p, kPacketSize, m_pTailData.get(), m_pTailData.size());
+        const bool inCall = within(p, kTsPacketSize, m_pCall, m_nCall);
+        const bool inTail = within(p, kTsPacketSize, m_pTailData.get(), m_pTailData.size());
         m_findings.check(inCall || inTail, "packet outside the bytes given to Process");
         if (!inCall && !inTail)
             return false;
-        m_findings.check(p[0] == kSyncByte && packet.lSizePkt == long(kPacketSize) && packet.PID < 0x2000,
+        m_findings.check(p[0] == kSyncByte && packet.lSizePkt == long(kTsPacketSize) && packet.PID < kPidCount,
                          "packet record does not match its bytes");
-        touch(p, kPacketSize);
+        touch(p, kTsPacketSize);
         return true;
     }
 
@@ -503,7 +501,7 @@ std::string fuzzSync(const uint8_t* data, size_t size) {
     size_t delivered = 0;
     SyncProbe* probe = nullptr;
     SyncProbe sync([&](unsigned long t, unsigned char* packet, unsigned long n) {
-        findings.check(n == 188 || n == 204, "packet size neither 188 nor 204");
+        findings.check(n == kTsPacketSize || n == kRsPacketSize, "packet size neither 188 nor 204");
         findings.check(n == probe->packetSize(), "packet size differs from the locked size");
         const bool inside = within(packet, n, frame, frameSize) || probe->inWorkRun(packet, n);
         findings.check(inside, "packet outside the frame and the carried-over run");
@@ -565,7 +563,7 @@ std::string fuzzParser(const uint8_t* data, size_t size) {
         parser.setCall(copy.data(), n);
         const size_t joined = held + n;
         const size_t done = parser.Process(copy.data(), static_cast<unsigned long>(n));
-        findings.check(done <= joined && joined - done < kPacketSize, "Process stopped before the last whole packet");
+        findings.check(done <= joined && joined - done < kTsPacketSize, "Process stopped before the last whole packet");
         held = useTail ? joined - std::min(done, joined) : 0;
         findings.check(parser.m_lTailLength == held, "tail length differs from the bytes left over");
         if (clearAfterFirst && pos == 0) {
@@ -615,7 +613,7 @@ std::string fuzzT2MI(const uint8_t* data, size_t size) {
     T2miProbe t2mi(findings);
     t2mi.SetPLPID(plp);
     // Two calls, split off the packet grid, so the tail path runs too.
-    const size_t split = std::min(ts.size(), size_t(2 * kPacketSize + 100));
+    const size_t split = std::min(ts.size(), size_t(2 * kTsPacketSize + 100));
     ExactCopy head(ts.data(), split);
     ExactCopy rest(ts.data() + split, ts.size() - split);
     t2mi.Process(head.data(), static_cast<unsigned long>(head.size()));
@@ -740,8 +738,8 @@ std::string fuzzAnalyzer(const uint8_t* data, size_t size) {
     mpegcore::CTsAnalyzer analyzer(opts);
     size_t pushed = 0;
     if (packetMode) {
-        for (size_t pos = 0; pos + kPacketSize <= streamSize; pos += kPacketSize) {
-            ExactCopy copy(stream + pos, kPacketSize);
+        for (size_t pos = 0; pos + kTsPacketSize <= streamSize; pos += kTsPacketSize) {
+            ExactCopy copy(stream + pos, kTsPacketSize);
             analyzer.push_packet(pos * 400, copy.data());
             ++pushed;
         }
@@ -752,7 +750,7 @@ std::string fuzzAnalyzer(const uint8_t* data, size_t size) {
             analyzer.push_raw(pos * 400, (pos + n) * 400, copy.data(), n);
             pos += n;
         }
-        pushed = streamSize / kPacketSize;
+        pushed = streamSize / kTsPacketSize;
     }
     analyzer.finish();
     const auto ts = analyzer.stream_figures();
@@ -760,7 +758,7 @@ std::string fuzzAnalyzer(const uint8_t* data, size_t size) {
     uint64_t sum = 0;
     for (const auto& pid : analyzer.pid_figures()) {
         sum += pid.packets;
-        findings.check(pid.pid < 8192, "PID out of range");
+        findings.check(pid.pid < kPidCount, "PID out of range");
         findings.check(pid.cc_errors <= pid.packets && pid.duplicates <= pid.packets && pid.pcr <= pid.packets &&
                            pid.pts <= pid.packets && pid.dts <= pid.pts,
                        "per-PID figures exceed the packets");

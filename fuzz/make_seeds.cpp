@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/PAT.h"
 #include "support/section_bytes.h"
 #include "support/section_cutter.h"
@@ -24,8 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
+using mpegcore::kTsPacketSize;
 
-constexpr size_t kPacket = 188;
 constexpr uint8_t kFixLengthAndCrc = 0x03;  // control byte of the table harnesses
 
 Bytes readFile(const fs::path& path) {
@@ -69,9 +70,21 @@ private:
 const std::map<uint8_t, std::pair<std::string, uint8_t>>& tableOfId() {
     // table_id -> (harness, round trip selector)
     static const std::map<uint8_t, std::pair<std::string, uint8_t>> map = {
-        {0x00, {"pat", 0}}, {0x02, {"pmt", 1}}, {0x01, {"cat", 2}}, {0x03, {"tsdt", 3}}, {0x70, {"tdt", 4}},
-        {0x73, {"tot", 5}}, {0x40, {"nit", 6}}, {0x41, {"nit", 6}}, {0x42, {"sdt", 7}}, {0x46, {"sdt", 7}},
-        {0x4A, {"bat", 8}}, {0x4E, {"eit", 9}}, {0x4F, {"eit", 9}}, {0x50, {"eit", 9}}, {0x60, {"eit", 9}},
+        {mpegcore::kTableIdPAT, {"pat", 0}},
+        {mpegcore::kTableIdPMT, {"pmt", 1}},
+        {mpegcore::kTableIdCAT, {"cat", 2}},
+        {mpegcore::kTableIdTSDT, {"tsdt", 3}},
+        {mpegcore::kTableIdTDT, {"tdt", 4}},
+        {mpegcore::kTableIdTOT, {"tot", 5}},
+        {mpegcore::kTableIdNITActual, {"nit", 6}},
+        {mpegcore::kTableIdNITOther, {"nit", 6}},
+        {mpegcore::kTableIdSDTActual, {"sdt", 7}},
+        {mpegcore::kTableIdSDTOther, {"sdt", 7}},
+        {mpegcore::kTableIdBAT, {"bat", 8}},
+        {mpegcore::kTableIdEITActual, {"eit", 9}},
+        {mpegcore::kTableIdEITOther, {"eit", 9}},
+        {mpegcore::kTableIdEITActualScheduleFirst, {"eit", 9}},
+        {mpegcore::kTableIdEITOtherScheduleFirst, {"eit", 9}},
     };
     return map;
 }
@@ -136,10 +149,10 @@ void addCapture(Corpus& corpus, const fs::path& file) {
     // Parser: the first section packets and a few others, in stream order.
     Bytes picked;
     size_t psi = 0, other = 0;
-    for (size_t pos = 0; pos + kPacket <= ts.size(); pos += kPacket) {
+    for (size_t pos = 0; pos + kTsPacketSize <= ts.size(); pos += kTsPacketSize) {
         const bool isPsi = sectionPids.count(pidOf(&ts[pos])) != 0;
         if ((isPsi && psi < 24) || (!isPsi && other < 6)) {
-            picked.insert(picked.end(), ts.begin() + pos, ts.begin() + pos + kPacket);
+            picked.insert(picked.end(), ts.begin() + pos, ts.begin() + pos + kTsPacketSize);
             (isPsi ? psi : other)++;
         }
     }
@@ -152,12 +165,12 @@ void addCapture(Corpus& corpus, const fs::path& file) {
 
     // Synchroniser: 60 packets with 10 garbage bytes in front, cut into
     // uneven frames; and 30 packets stretched to 204 bytes.
-    const Bytes head(ts.begin(), ts.begin() + std::min(ts.size(), 60 * kPacket));
+    const Bytes head(ts.begin(), ts.begin() + std::min(ts.size(), 60 * kTsPacketSize));
     corpus.add("sync", stem + "-188",
                concat({{0x13, 0x03, 0xE8, 0x00, 0x07, 0x0B, 0xB8}, Bytes(10, 0xA5), head}));
     Bytes rs;
-    for (size_t pos = 0; pos + kPacket <= head.size() && pos < 30 * kPacket; pos += kPacket) {
-        rs.insert(rs.end(), head.begin() + pos, head.begin() + pos + kPacket);
+    for (size_t pos = 0; pos + kTsPacketSize <= head.size() && pos < 30 * kTsPacketSize; pos += kTsPacketSize) {
+        rs.insert(rs.end(), head.begin() + pos, head.begin() + pos + kTsPacketSize);
         rs.insert(rs.end(), 16, 0x00);  // Reed-Solomon parity stand-in
     }
     corpus.add("sync", stem + "-204", concat({{0x02, 0x0F, 0xA0, 0x00, 0xCC}, rs}));
@@ -205,12 +218,12 @@ void addBuiltSections(Corpus& corpus) {
     }
     // Video with a PCR, private PES, ECM and EMM on the CA PID, a null packet.
     Bytes pcr = {0x47, 0x41, 0x01, 0x30, 0x07, 0x10, 0x12, 0x34, 0x56, 0x78, 0x7E, 0x00, 0x00, 0x00, 0x01, 0xE0};
-    pcr.resize(kPacket, 0xAA);
+    pcr.resize(kTsPacketSize, 0xAA);
     stream.insert(stream.end(), pcr.begin(), pcr.end());
     for (const Bytes& packet : {vq_test::makeTsPacket(0x101, 1, false, Bytes(184, 0x55)),
                                 vq_test::makeTsPacket(0x102, 0, true, {0x00, 0x00, 0x01, 0xBD, 0x00, 0x10}),
                                 vq_test::makeTsPacket(0x1F1, 0, true, Bytes(20, 0x80)),
-                                vq_test::makeTsPacket(0x1FFF, 0, false, Bytes(184, 0xFF))})
+                                vq_test::makeTsPacket(mpegcore::kPidNull, 0, false, Bytes(184, 0xFF))})
         stream.insert(stream.end(), packet.begin(), packet.end());
     corpus.add("parser", "built-tables", concat({{0x00}, stream}));
     corpus.add("parser", "built-tables-tail-7", concat({{0x01 | 2 << 1}, stream}));
@@ -232,13 +245,13 @@ void addBuiltSections(Corpus& corpus) {
 void addT2mi(Corpus& corpus, const fs::path& data) {
     const Bytes real = readFile(data / "t2mi-plp102.ts");
     corpus.add("t2mi", "t2mi-plp102-head",
-               concat({{0x00, 102}, Bytes(real.begin(), real.begin() + std::min(real.size(), 150 * kPacket))}));
+               concat({{0x00, 102}, Bytes(real.begin(), real.begin() + std::min(real.size(), 150 * kTsPacketSize))}));
 
     const Bytes live = readFile(data / "live-012.ts");
     vq_test::PlpInput plp0;
     plp0.plpId = 0;
-    plp0.ts.assign(live.begin(), live.begin() + std::min(live.size(), 40 * kPacket));
-    plp0.dflBytes = 187 * 7 + 50;  // user packets straddle the frames
+    plp0.ts.assign(live.begin(), live.begin() + std::min(live.size(), 40 * kTsPacketSize));
+    plp0.dflBytes = mpegcore::kTsPacketSizeAfterSync * 7 + 50;  // user packets straddle the frames
     vq_test::PlpInput plp1 = plp0;
     plp1.plpId = 1;
     vq_test::CarrierOptions options;

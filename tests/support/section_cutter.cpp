@@ -1,11 +1,14 @@
 #include "support/section_cutter.h"
 
+#include "mpegcore/MpegConstants.h"
+
 namespace vq_test {
 
 namespace {
 
-constexpr size_t kPacketSize = 188;
-constexpr uint8_t kSyncByte = 0x47;
+using mpegcore::kSyncByte;
+using mpegcore::kTsPacketSize;
+
 constexpr uint8_t kStuffing = 0xFF;
 
 // Moves every complete section at the front of `pending` to `out`. Returns
@@ -29,7 +32,7 @@ std::vector<std::vector<uint8_t>> cutSections(const std::vector<uint8_t>& ts, ui
     std::vector<std::vector<uint8_t>> sections;
     std::vector<uint8_t> pending;
     bool collecting = false;
-    for (size_t at = 0; at + kPacketSize <= ts.size() && sections.size() < maxSections; at += kPacketSize) {
+    for (size_t at = 0; at + kTsPacketSize <= ts.size() && sections.size() < maxSections; at += kTsPacketSize) {
         const uint8_t* packet = ts.data() + at;
         const bool error = packet[1] & 0x80;
         const bool unitStart = packet[1] & 0x40;
@@ -40,10 +43,10 @@ std::vector<std::vector<uint8_t>> cutSections(const std::vector<uint8_t>& ts, ui
         size_t offset = 4;
         if (control & 2)
             offset += 1u + packet[4];
-        if (offset >= kPacketSize)
+        if (offset >= kTsPacketSize)
             continue;
         const uint8_t* payload = packet + offset;
-        const uint8_t* end = packet + kPacketSize;
+        const uint8_t* end = packet + kTsPacketSize;
         if (unitStart) {
             const size_t pointer = payload[0];
             const uint8_t* start = payload + 1 + pointer;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include "mpegcore/MpegConstants.h"
+
 namespace vq_test {
 
 std::vector<uint8_t> packSections(uint16_t pid, const std::vector<std::vector<uint8_t>>& sections, uint8_t& cc) {
@@ -15,9 +17,9 @@ std::vector<uint8_t> packSections(uint16_t pid, const std::vector<std::vector<ui
     std::vector<uint8_t> out;
     size_t pos = 0;
     while (pos < data.size()) {
-        uint8_t packet[188];
+        uint8_t packet[mpegcore::kTsPacketSize];
         std::fill(std::begin(packet), std::end(packet), 0xFF);
-        packet[0] = 0x47;
+        packet[0] = mpegcore::kSyncByte;
         packet[1] = static_cast<uint8_t>(pid >> 8);
         packet[2] = static_cast<uint8_t>(pid);
         packet[3] = static_cast<uint8_t>(0x10 | (cc++ & 0x0F));

@@ -3,12 +3,16 @@
 #include <algorithm>
 
 #include "mpegcore/MpegCRC32.h"
+#include "mpegcore/MpegConstants.h"
 
 namespace vq_test {
 
 namespace {
 
-constexpr size_t kUserPacket = 187;
+using mpegcore::kSyncByte;
+using mpegcore::kTsPacketSize;
+using mpegcore::kTsPacketSizeAfterSync;
+
 constexpr size_t kHeader = 6;
 constexpr size_t kBBHeader = 10;
 constexpr size_t kFramePrefix = 3;  // frame_idx, plp_id, intl_frame_start + rfu
@@ -48,9 +52,9 @@ uint8_t crc8DvbT2(const uint8_t* data, size_t size) {
 
 std::vector<uint8_t> userPacketsOf(const std::vector<uint8_t>& ts) {
     std::vector<uint8_t> out;
-    out.reserve(ts.size() / 188 * kUserPacket);
-    for (size_t pos = 0; pos + 188 <= ts.size(); pos += 188)
-        out.insert(out.end(), ts.begin() + pos + 1, ts.begin() + pos + 188);
+    out.reserve(ts.size() / kTsPacketSize * kTsPacketSizeAfterSync);
+    for (size_t pos = 0; pos + kTsPacketSize <= ts.size(); pos += kTsPacketSize)
+        out.insert(out.end(), ts.begin() + pos + 1, ts.begin() + pos + kTsPacketSize);
     return out;
 }
 
@@ -62,8 +66,8 @@ std::vector<BBFrameData> cutIntoBBFrames(uint8_t plpId, const std::vector<uint8_
         frame.plpId = plpId;
         const size_t n = std::min(dflBytes, ups.size() - pos);
         frame.dataField.assign(ups.begin() + pos, ups.begin() + pos + n);
-        const size_t intoPacket = pos % kUserPacket;
-        const size_t toStart = intoPacket ? kUserPacket - intoPacket : 0;
+        const size_t intoPacket = pos % kTsPacketSizeAfterSync;
+        const size_t toStart = intoPacket ? kTsPacketSizeAfterSync - intoPacket : 0;
         frame.syncdBits = toStart < n ? static_cast<uint16_t>(toStart * 8) : 0xFFFF;
         frames.push_back(std::move(frame));
     }
@@ -93,9 +97,9 @@ std::vector<uint8_t> makeBBFramePacket(const BBFrameData& frame, uint8_t packetC
     // MATYPE: TS/GS, multiple input streams, CCM, no ISSY, no NPD; ISI = PLP id.
     payload.push_back(static_cast<uint8_t>(options.tsGs << 6 | 1 << 4));
     payload.push_back(frame.plpId);
-    putBE16(payload, 188 * 8);  // UPL
+    putBE16(payload, static_cast<uint16_t>(kTsPacketSize * 8));  // UPL
     putBE16(payload, static_cast<uint16_t>(frame.dataField.size() * 8));
-    payload.push_back(0x47);  // SYNC
+    payload.push_back(kSyncByte);  // SYNC
     putBE16(payload, frame.syncdBits);
     payload.push_back(static_cast<uint8_t>(crc8DvbT2(payload.data() + kFramePrefix, 9) ^ options.crc8Xor));
     payload.insert(payload.end(), frame.dataField.begin(), frame.dataField.end());

@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "mpegcore/MpegConstants.h"
+
 namespace vq_test {
 
 // DVB-T2 baseband header CRC-8 (x^8+x^7+x^6+x^4+x^2+1, register 0, MSB first), bit by bit.
@@ -54,7 +56,7 @@ void setSyncd(std::vector<uint8_t>& t2miPacket, uint16_t bits);
 struct PlpInput {
     uint8_t plpId = 0;
     std::vector<uint8_t> ts;  // 188-byte packets
-    size_t dflBytes = 187 * 20;
+    size_t dflBytes = mpegcore::kTsPacketSizeAfterSync * 20;
 };
 
 struct CarrierOptions {
@@ -92,7 +94,7 @@ std::vector<uint8_t> makeLongSection(uint8_t tableId, uint16_t tableIdExtension,
 // PAT of one program, and a PMT with its streams as (stream_type, elementary_PID).
 std::vector<uint8_t> makePatSection(uint16_t programNumber, uint16_t pmtPid);
 std::vector<uint8_t> makePmtSection(uint16_t programNumber, const std::vector<std::pair<uint8_t, uint16_t>>& streams,
-                                    uint16_t pcrPid = 0x1FFF, const std::vector<uint8_t>& programDescriptors = {});
+                                    uint16_t pcrPid = mpegcore::kPidNull, const std::vector<uint8_t>& programDescriptors = {});
 // One TS packet; a payload shorter than 184 bytes is preceded by adaptation field stuffing.
 std::vector<uint8_t> makeTsPacket(uint16_t pid, uint8_t cc, bool unitStart, const std::vector<uint8_t>& payload);
 // One TS packet holding a whole section after a pointer field of 0.

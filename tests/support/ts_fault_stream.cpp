@@ -69,7 +69,7 @@ uint16_t ts_fault_stream::pidOf(const slot& s) { return static_cast<uint16_t>(((
 
 void ts_fault_stream::setNull(slot& s) {
     s.bytes.fill(0xFF);
-    s.bytes[0] = 0x47;
+    s.bytes[0] = mpegcore::kSyncByte;
     s.bytes[1] = 0x1F;
     s.bytes[2] = 0xFF;
     s.bytes[3] = 0x10;
@@ -78,7 +78,7 @@ void ts_fault_stream::setNull(slot& s) {
 
 void ts_fault_stream::setSection(slot& s, uint16_t pid, const std::vector<uint8_t>& section) {
     s.bytes.fill(0xFF);
-    s.bytes[0] = 0x47;
+    s.bytes[0] = mpegcore::kSyncByte;
     s.bytes[1] = static_cast<uint8_t>(0x40 | (pid >> 8));
     s.bytes[2] = static_cast<uint8_t>(pid);
     s.bytes[3] = 0x10;
@@ -105,7 +105,7 @@ uint64_t ts_fault_stream::readPcr(const slot& s) const {
 
 void ts_fault_stream::setVideo(slot& s, size_t index, bool start) {
     s.bytes.fill(0xAA);
-    s.bytes[0] = 0x47;
+    s.bytes[0] = mpegcore::kSyncByte;
     s.bytes[1] = static_cast<uint8_t>((start ? 0x40 : 0) | (video_pid >> 8));
     s.bytes[2] = video_pid & 0xFF;
     s.bytes[3] = 0x10;
@@ -124,12 +124,12 @@ void ts_fault_stream::setVideo(slot& s, size_t index, bool start) {
 
 std::vector<uint8_t> ts_fault_stream::bytes() const {
     std::vector<uint8_t> out;
-    out.reserve(m_slots.size() * 188);
+    out.reserve(m_slots.size() * mpegcore::kTsPacketSize);
     std::map<uint16_t, uint8_t> next;
     for (const slot& s : m_slots) {
-        std::array<uint8_t, 188> b = s.bytes;
+        std::array<uint8_t, mpegcore::kTsPacketSize> b = s.bytes;
         const uint16_t pid = pidOf(s);
-        if (pid != 0x1FFF) {
+        if (pid != mpegcore::kPidNull) {
             auto found = next.find(pid);
             uint8_t cc = found == next.end() ? 0 : found->second;
             if (s.cc == slot::skip_one)
@@ -158,7 +158,7 @@ size_t ts_fault_stream::find_pcr(size_t from) const {
     return m_slots.size();
 }
 
-bool ts_fault_stream::is_null(size_t k) const { return pidOf(m_slots[k]) == 0x1FFF; }
+bool ts_fault_stream::is_null(size_t k) const { return pidOf(m_slots[k]) == mpegcore::kPidNull; }
 
 void ts_fault_stream::lose_packet(size_t k) {
     const uint16_t pid = pidOf(m_slots[k]);
@@ -232,7 +232,7 @@ void ts_fault_stream::add_unreferenced_pid() {
     for (size_t k = 60; k < m_slots.size(); k += 250) {
         slot& s = m_slots[k];
         s.bytes.fill(0x55);
-        s.bytes[0] = 0x47;
+        s.bytes[0] = mpegcore::kSyncByte;
         s.bytes[1] = unreferenced_pid >> 8;
         s.bytes[2] = unreferenced_pid & 0xFF;
         s.bytes[3] = 0x10;

@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "mpegcore/MpegConstants.h"
+
 namespace vq_test {
 
 class ts_fault_stream {
@@ -58,7 +60,7 @@ public:
 
 private:
     struct slot {
-        std::array<uint8_t, 188> bytes{};
+        std::array<uint8_t, mpegcore::kTsPacketSize> bytes{};
         enum cc_rule : uint8_t { next, skip_one, repeat } cc = next;
     };
     void setNull(slot& s);

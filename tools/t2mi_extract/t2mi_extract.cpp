@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "data_output.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/T2MIToTS.h"
 
 namespace {
@@ -36,7 +37,7 @@ const char kUsage[] =
     "  -h, --help     this text\n"
     "      --version  the version of t2mi-extract\n";
 
-constexpr size_t kReadSize = 188 * 1024;
+constexpr size_t kReadSize = mpegcore::kTsPacketSize * 1024;
 
 struct file_closer {
     void operator()(FILE* file) const { std::fclose(file); }
@@ -180,13 +181,12 @@ protected:
         t2mi_reader::take_packet(packet);
     }
     void OnTS(unsigned char plp, unsigned char* data, unsigned long size) override {
-        static const unsigned char kSync = 0x47;
         if (!m_error.empty() || size != user_packet_size)
             return;
         output* out = output_of(plp);
         if (!out)
             return;
-        if (std::fwrite(&kSync, 1, 1, out->file.get()) != 1 || std::fwrite(data, 1, size, out->file.get()) != size) {
+        if (std::fwrite(&mpegcore::kSyncByte, 1, 1, out->file.get()) != 1 || std::fwrite(data, 1, size, out->file.get()) != size) {
             m_error = "cannot write " + out->path + ": " + std::strerror(errno);
             return;
         }

@@ -17,6 +17,7 @@
 
 #include "analysis_json.h"
 #include "data_output.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/TsAnalyzer.h"
 
 namespace {
@@ -40,7 +41,7 @@ const char kUsage[] =
 using namespace mpegcore;
 using json = nlohmann::ordered_json;
 
-constexpr size_t kChunk = 188 * 1024;
+constexpr size_t kChunk = kTsPacketSize * 1024;
 // Without --bitrate the rate is measured from the PCRs of the first bytes.
 constexpr size_t kRateProbe = 16 * 1024 * 1024;
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/MpegMisc.h"
 #include "mpegcore/VQStringUtils.h"
 
@@ -243,19 +244,19 @@ const code_name kServiceTypes[] = {
 };
 
 const code_name kTableIds[] = {
-    {0x00, "PAT"},
-    {0x01, "CAT"},
-    {0x02, "PMT"},
-    {0x03, "TSDT"},
-    {0x40, "NIT actual"},
-    {0x41, "NIT other"},
-    {0x42, "SDT actual"},
-    {0x46, "SDT other"},
-    {0x4A, "BAT"},
-    {0x4E, "EIT actual present/following"},
-    {0x4F, "EIT other present/following"},
-    {0x70, "TDT"},
-    {0x73, "TOT"},
+    {mpegcore::kTableIdPAT, "PAT"},
+    {mpegcore::kTableIdCAT, "CAT"},
+    {mpegcore::kTableIdPMT, "PMT"},
+    {mpegcore::kTableIdTSDT, "TSDT"},
+    {mpegcore::kTableIdNITActual, "NIT actual"},
+    {mpegcore::kTableIdNITOther, "NIT other"},
+    {mpegcore::kTableIdSDTActual, "SDT actual"},
+    {mpegcore::kTableIdSDTOther, "SDT other"},
+    {mpegcore::kTableIdBAT, "BAT"},
+    {mpegcore::kTableIdEITActual, "EIT actual present/following"},
+    {mpegcore::kTableIdEITOther, "EIT other present/following"},
+    {mpegcore::kTableIdTDT, "TDT"},
+    {mpegcore::kTableIdTOT, "TOT"},
 };
 
 }  // namespace
@@ -287,9 +288,9 @@ std::string service_type(uint8_t type) {
 }
 
 std::string table_id(uint8_t id) {
-    if (id >= 0x50 && id <= 0x5F)
+    if (id >= mpegcore::kTableIdEITActualScheduleFirst && id <= mpegcore::kTableIdEITActualScheduleLast)
         return "EIT actual schedule";
-    if (id >= 0x60 && id <= 0x6F)
+    if (id >= mpegcore::kTableIdEITOtherScheduleFirst && id <= mpegcore::kTableIdEITOtherScheduleLast)
         return "EIT other schedule";
     return find_name(kTableIds, id, "");
 }

@@ -16,6 +16,7 @@
 
 #include "data_output.h"
 #include "mpegcore/BaseMpegParser.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/SectionAssembler.h"
 #include "report_node.h"
 #include "table_report.h"
@@ -49,7 +50,7 @@ public:
 
     int OnProcess(unsigned int, transport_packet& packet) override {
         const uint16_t pid = packet.PID;
-        if (pid <= 2 || (pid >= 0x10 && pid <= 0x14) || m_pmtPids.count(pid))
+        if (pid <= kPidTSDT || (pid >= kPidNIT && pid <= kPidTDT) || m_pmtPids.count(pid))
             m_sections.push_packet(packet);
         return 0;
     }
@@ -66,7 +67,7 @@ private:
 
     void onSection(uint16_t pid, const unsigned char* section, size_t size) {
         const uint8_t tableId = section[0];
-        if (pid == 0 && tableId == 0x00) {
+        if (pid == kPidPAT && tableId == kTableIdPAT) {
             readAndPrint<CPAT>(section, size, 1024, [&](CPAT& pat) {
                 for (const auto& entry : pat.program_map)
                     if (entry.second.program_number != 0)
@@ -74,43 +75,43 @@ private:
                 print(key("PAT", pat.transport_stream_id, pat.section_number), pat.version_number,
                       [&] { return describe_pat(pat); });
             });
-        } else if (pid == 1 && tableId == 0x01) {
+        } else if (pid == kPidCAT && tableId == kTableIdCAT) {
             readAndPrint<CCAT>(section, size, 1024, [&](CCAT& cat) {
                 print(key("CAT", cat.section_number), cat.version_number, [&] { return describe_cat(cat); });
             });
-        } else if (pid == 2 && tableId == 0x03) {
+        } else if (pid == kPidTSDT && tableId == kTableIdTSDT) {
             readAndPrint<CTSDT>(section, size, 1024, [&](CTSDT& tsdt) {
                 print(key("TSDT", tsdt.section_number), tsdt.version_number, [&] { return describe_tsdt(tsdt); });
             });
-        } else if (pid == 0x10 && (tableId == 0x40 || tableId == 0x41)) {
+        } else if (pid == kPidNIT && (tableId == kTableIdNITActual || tableId == kTableIdNITOther)) {
             readAndPrint<CNIT>(section, size, 1024, [&](CNIT& nit) {
                 print(key("NIT", nit.table_id, nit.network_id, nit.section_number), nit.version_number,
                       [&] { return describe_nit(nit); });
             });
-        } else if (pid == 0x11 && (tableId == 0x42 || tableId == 0x46)) {
+        } else if (pid == kPidSDT && (tableId == kTableIdSDTActual || tableId == kTableIdSDTOther)) {
             readAndPrint<CSDT>(section, size, 1024, [&](CSDT& sdt) {
                 print(key("SDT", sdt.table_id, sdt.transport_stream_id, sdt.original_network_id, sdt.section_number),
                       sdt.version_number, [&] { return describe_sdt(sdt); });
             });
-        } else if (pid == 0x11 && tableId == 0x4A) {
+        } else if (pid == kPidSDT && tableId == kTableIdBAT) {
             readAndPrint<CBAT>(section, size, 4096, [&](CBAT& bat) {
                 print(key("BAT", bat.bouquet_id, bat.section_number), bat.version_number,
                       [&] { return describe_bat(bat); });
             });
-        } else if (pid == 0x12 && tableId >= 0x4E && tableId <= 0x6F) {
+        } else if (pid == kPidEIT && tableId >= kTableIdEITActual && tableId <= kTableIdEITOtherScheduleLast) {
             readAndPrint<CEIT>(section, size, 4096, [&](CEIT& eit) {
                 print(key("EIT", eit.table_id, eit.service_id, eit.transport_stream_id, eit.original_network_id,
                           eit.section_number),
                       eit.version_number, [&] { return describe_eit(eit); });
             });
-        } else if (pid == 0x14 && tableId == 0x70) {
+        } else if (pid == kPidTDT && tableId == kTableIdTDT) {
             // The time tables have no version: a new time is a new table.
             readAndPrint<CTDT>(section, size, 1024,
                                [&](CTDT& tdt) { print("TDT", tdt.UTC_time, [&] { return describe_tdt(tdt); }); });
-        } else if (pid == 0x14 && tableId == 0x73) {
+        } else if (pid == kPidTDT && tableId == kTableIdTOT) {
             readAndPrint<CTOT>(section, size, 1024,
                                [&](CTOT& tot) { print("TOT", tot.UTC_time, [&] { return describe_tot(tot); }); });
-        } else if (tableId == 0x02 && m_pmtPids.count(pid)) {
+        } else if (tableId == kTableIdPMT && m_pmtPids.count(pid)) {
             readAndPrint<CPMT>(section, size, 1024, [&](CPMT& pmt) {
                 print(key("PMT", pid, pmt.program_number, pmt.section_number), pmt.version_number,
                       [&] { return describe_pmt(pid, pmt); });
@@ -189,7 +190,7 @@ int main(int argc, char** argv) {
 
     data_output data;  // library messages go to standard error, not among the tables
     table_printer printer(json, data.stream());
-    std::vector<unsigned char> buffer(188 * 1024);
+    std::vector<unsigned char> buffer(kTsPacketSize * 1024);
     for (size_t got; (got = std::fread(buffer.data(), 1, buffer.size(), input.get())) > 0;)
         printer.Process(buffer.data(), got);
     if (std::ferror(input.get())) {

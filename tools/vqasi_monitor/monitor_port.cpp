@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <tuple>
 
+#include "mpegcore/MpegConstants.h"
 #include "vq_asi_capture/vq_base_statistics.h"
 
 monitor_port::monitor_port(port_options options, int retrySeconds, size_t maxPids)
@@ -243,7 +244,7 @@ GstPadProbeReturn monitor_port::on_buffer(GstPad*, GstPadProbeInfo* info, gpoint
     if (buffer && gst_buffer_map(buffer, &map, GST_MAP_READ)) {
         const uint64_t time = GST_BUFFER_PTS_IS_VALID(buffer) ? GST_BUFFER_PTS(buffer) : 0;
         std::lock_guard<std::mutex> hold(port->m_analyzerLock);
-        for (size_t at = 0; at + 188 <= map.size; at += 188)
+        for (size_t at = 0; at + mpegcore::kTsPacketSize <= map.size; at += mpegcore::kTsPacketSize)
             port->m_analyzer.push_packet(time, map.data + at);
         gst_buffer_unmap(buffer, &map);
     }

@@ -4,6 +4,9 @@
 
 #include <cstdlib>
 #include <memory>
+#include <string>
+
+#include "mpegcore/MpegConstants.h"
 
 namespace {
 
@@ -159,8 +162,8 @@ bool load_config_file(const std::string& path, monitor_settings& settings, std::
                 if (!parse_int(value, 1, 3600, settings.retrySeconds))
                     problem = "key retry-seconds: 1 to 3600, not \"" + value + "\"";
             } else if (key == "max-pids") {
-                if (!parse_int(value, 1, 8192, settings.maxPids))
-                    problem = "key max-pids: 1 to 8192, not \"" + value + "\"";
+                if (!parse_int(value, 1, static_cast<int>(mpegcore::kPidCount), settings.maxPids))
+                    problem = "key max-pids: 1 to " + std::to_string(mpegcore::kPidCount) + ", not \"" + value + "\"";
             } else
                 problem = "unknown key " + key;
             ok = problem.empty();

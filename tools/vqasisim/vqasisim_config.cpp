@@ -88,7 +88,7 @@ bool parse_seconds(const std::string& text, double& seconds) {
 
 bool parse_packet_size(const std::string& text, unsigned& size) {
     uint64_t value = 0;
-    if (!parse_uint(text, value) || (value != 188 && value != 204))
+    if (!parse_uint(text, value) || (value != mpegcore::kTsPacketSize && value != mpegcore::kRsPacketSize))
         return false;
     size = unsigned(value);
     return true;
@@ -206,10 +206,10 @@ signal_kind config::signal_at(double seconds) const { return value_at(signal, se
 unsigned config::packet_size_at(double seconds) const { return value_at(packet_sizes, seconds, packet_size); }
 
 bool config::mixed_packet_sizes() const {
-    if (packet_size != 188)
+    if (packet_size != mpegcore::kTsPacketSize)
         return true;
     for (const packet_size_step& step : packet_sizes) {
-        if (step.value != 188)
+        if (step.value != mpegcore::kTsPacketSize)
             return true;
     }
     return false;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "mpegcore/MpegConstants.h"
+
 namespace vqasisim {
 
 // "after every `every` units, `count` of something"; off when either is 0.
@@ -82,7 +84,7 @@ struct config {
     every_count garbage;
     every_count empty;
     uint64_t cc_every = 0;
-    unsigned packet_size = 188;  // the first (or only) packet size
+    unsigned packet_size = mpegcore::kTsPacketSize;  // the first (or only) packet size
     std::vector<packet_size_step> packet_sizes;  // a switching script; empty: packet_size for ever
     every_length data_gap;
     double remove_after = -1;  // seconds after the open when the device disappears; negative: never

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <thread>
 
+#include "mpegcore/MpegConstants.h"
 #include "vqasisim_libc.h"
 
 namespace vqasisim {
@@ -698,7 +699,7 @@ void sim_device::prefill_buffers() {
         m_source.read(m_memory + m_stride * i, m_length, marks, 0.0);
         log_marks(marks, i);
     }
-    const size_t cut = (uint64_t(m_length) * count) % 188;
+    const size_t cut = (uint64_t(m_length) * count) % mpegcore::kTsPacketSize;
     if (cut < m_length)
         m_prefilledBytes.back() = uint32_t(m_length - cut);
 }

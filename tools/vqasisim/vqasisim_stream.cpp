@@ -8,14 +8,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "mpegcore/MpegConstants.h"
 #include "vqasisim_libc.h"
 
 namespace vqasisim {
 namespace {
 
-constexpr size_t kPacket = 188;
-constexpr uint8_t kSync = 0x47;
-constexpr unsigned kNullPid = 0x1FFF;
+using mpegcore::kPidNull;
+using mpegcore::kSyncByte;
+using mpegcore::kTsPacketSize;
 
 unsigned packet_pid(const uint8_t* p) { return unsigned(p[1] & 0x1F) << 8 | p[2]; }
 bool packet_has_payload(const uint8_t* p) { return (p[3] & 0x10) != 0; }
@@ -47,10 +48,10 @@ bool stream_source::open(const std::string& path, const config& settings, std::s
 
     if (path.empty()) {
         // A null packet, repeated for ever.
-        m_generated.assign(kPacket, 0xFF);
-        m_generated[0] = kSync;
-        m_generated[1] = kNullPid >> 8;
-        m_generated[2] = kNullPid & 0xFF;
+        m_generated.assign(kTsPacketSize, 0xFF);
+        m_generated[0] = kSyncByte;
+        m_generated[1] = kPidNull >> 8;
+        m_generated[2] = kPidNull & 0xFF;
         m_generated[3] = 0x10;
         m_data = m_generated.data();
         m_size = m_generated.size();
@@ -66,7 +67,7 @@ bool stream_source::open(const std::string& path, const config& settings, std::s
     struct stat st {};
     size_t size = fstat(fd, &st) == 0 ? size_t(st.st_size) : 0;
     if (packet_mode())
-        size -= size % kPacket;  // whole packets only
+        size -= size % kTsPacketSize;  // whole packets only
     if (size == 0) {
         libc().close(fd);
         error = "input " + path + " holds no " + (packet_mode() ? "whole packet" : "data");
@@ -97,16 +98,16 @@ void stream_source::rewind() {
 }
 
 bool stream_source::take_packet(const uint8_t*& packet) {
-    if (m_pos + kPacket > m_size) {
+    if (m_pos + kTsPacketSize > m_size) {
         m_pos = 0;
         ++m_counters.loops;
         if (m_markLoops)
             m_unitMarks.push_back({stream_mark::loop, 0, m_counters.loops});
     }
     packet = m_data + m_pos;
-    m_pos += kPacket;
-    m_counters.file_bytes += kPacket;
-    if (m_ccEvery == 0 || packet[0] != kSync || packet_pid(packet) == kNullPid || !packet_has_payload(packet))
+    m_pos += kTsPacketSize;
+    m_counters.file_bytes += kTsPacketSize;
+    if (m_ccEvery == 0 || packet[0] != kSyncByte || packet_pid(packet) == kPidNull || !packet_has_payload(packet))
         return true;
     // Leaving a packet out breaks its PID's continuity counter sequence.
     if (++m_eligible % m_ccEvery != 0)
@@ -129,11 +130,11 @@ void stream_source::next_unit(double seconds) {
     const uint8_t* packet = nullptr;
     while (!take_packet(packet)) {
     }
-    m_unit.assign(packet, packet + kPacket);
-    if (m_packetSize > kPacket) {
+    m_unit.assign(packet, packet + kTsPacketSize);
+    if (m_packetSize > kTsPacketSize) {
         // 204-byte packets: 16 dummy bytes where Reed-Solomon parity would be.
         m_unit.resize(m_packetSize, 0x00);
-        m_counters.parity_bytes += m_packetSize - kPacket;
+        m_counters.parity_bytes += m_packetSize - kTsPacketSize;
     }
     ++m_counters.packets;
     ++m_runPackets;
@@ -144,7 +145,7 @@ void stream_source::next_unit(double seconds) {
             m_garbageSeed ^= m_garbageSeed >> 17;
             m_garbageSeed ^= m_garbageSeed << 5;
             uint8_t b = uint8_t(m_garbageSeed >> 24);
-            m_unit.push_back(b == kSync ? 0x00 : b);  // never a sync byte
+            m_unit.push_back(b == kSyncByte ? 0x00 : b);  // never a sync byte
         }
         ++m_counters.garbage_insertions;
         m_counters.garbage_bytes += m_garbage.count;

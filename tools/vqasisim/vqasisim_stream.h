@@ -62,7 +62,7 @@ private:
 
     config m_settings;  // packet size script and packet faults
     bool m_packetMode = false;
-    unsigned m_packetSize = 188;  // of the last packet begun
+    unsigned m_packetSize = mpegcore::kTsPacketSize;  // of the last packet begun
     every_count m_garbage;
     uint64_t m_ccEvery = 0;
 

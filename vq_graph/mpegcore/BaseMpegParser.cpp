@@ -3,28 +3,17 @@
 #include <cstdio>
 #include <cstring>
 
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/MpegDescriptors.h"
 
 namespace mpegcore {
 
 namespace {
 
-constexpr unsigned char kSyncByte = 0x47;
 constexpr unsigned long kTablePSIBuffer = 1024;
 constexpr unsigned long kTableSIBuffer = 4096;
 constexpr size_t kTailAlign = 8;
 constexpr uint8_t kCATag = 0x09;
-
-// PIDs with sections (ISO/IEC 13818-1, ETSI EN 300 468).
-enum : uint16_t {
-    kPidPAT = 0x0000,
-    kPidCAT = 0x0001,
-    kPidTSDT = 0x0002,
-    kPidNIT = 0x0010,
-    kPidSDT = 0x0011,
-    kPidEIT = 0x0012,
-    kPidTDT = 0x0014,
-};
 
 // The CA descriptors of the list that point at pid.
 unsigned countCaDescriptors(const VQDescriptorList& list, uint16_t pid) {
@@ -275,35 +264,35 @@ void CBaseMpegParser::routeSectionPid(const transport_packet& packet) {
         readSection(packet, m_TSDT, [this](CTSDT* tsdt) { OnTSDT(tsdt); });
         break;
     case kPidNIT:
-        if (table_id == 0x40)
+        if (table_id == kTableIdNITActual)
             readSection(packet, m_NIT_Actual, [this](CNIT* nit) { OnNIT(nit); });
-        else if (table_id == 0x41)
+        else if (table_id == kTableIdNITOther)
             readSection(packet, m_NIT_Other, [this](CNIT* nit) { OnNIT(nit); });
         break;
     case kPidSDT:
-        if (table_id == 0x42)
+        if (table_id == kTableIdSDTActual)
             readSection(packet, m_SDT_Actual, [this](CSDT* sdt) { OnSDT(sdt); });
-        else if (table_id == 0x46)
+        else if (table_id == kTableIdSDTOther)
             readSection(packet, m_SDT_Other, [this](CSDT* sdt) { OnSDT(sdt); });
-        else if (table_id == 0x4A)
+        else if (table_id == kTableIdBAT)
             readSection(packet, m_BAT, [this](CBAT* bat) { OnBAT(bat); });
         break;
     case kPidEIT: {
         auto report = [this](CEIT* eit) { OnEIT(eit); };
-        if (table_id == 0x4E)
+        if (table_id == kTableIdEITActual)
             readSection(packet, m_EIT_Actual, report);
-        else if (table_id == 0x4F)
+        else if (table_id == kTableIdEITOther)
             readSection(packet, m_EIT_Other, report);
-        else if (table_id >= 0x50 && table_id <= 0x5F)
+        else if (table_id >= kTableIdEITActualScheduleFirst && table_id <= kTableIdEITActualScheduleLast)
             readSection(packet, m_EIT_Actual_Shedule, report);
-        else if (table_id >= 0x60 && table_id <= 0x6F)
+        else if (table_id >= kTableIdEITOtherScheduleFirst && table_id <= kTableIdEITOtherScheduleLast)
             readSection(packet, m_EIT_Other_Shedule, report);
         break;
     }
     case kPidTDT:
-        if (table_id == 0x73)
+        if (table_id == kTableIdTOT)
             readSection(packet, m_TOT, [this](CTOT* tot) { OnTOT(tot); });
-        else if (table_id == 0x70)
+        else if (table_id == kTableIdTDT)
             readSection(packet, m_TDT, [this](CTDT* tdt) { OnTDT(tdt); });
         break;
     default:

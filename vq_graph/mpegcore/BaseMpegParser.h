@@ -16,6 +16,7 @@
 #include "mpegcore/BasePID.h"
 #include "mpegcore/CAT.h"
 #include "mpegcore/EIT.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/NIT.h"
 #include "mpegcore/PAT.h"
 #include "mpegcore/PMT.h"
@@ -85,7 +86,7 @@ using CMapPMT = std::map<uint16_t, std::shared_ptr<CPacketWrapper<CPMT>>>;
 
 class CBaseMpegParser : public vq_mpeg_alarm_event {
 public:
-    static constexpr size_t pid_count = 8192;
+    static constexpr size_t pid_count = kPidCount;
 
     // useTail: keep the bytes of an incomplete packet for the next call.
     explicit CBaseMpegParser(bool useTail);

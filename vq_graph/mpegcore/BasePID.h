@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "mpegcore/DataAccumulator.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/vq_mpeg_alarm_event.h"
 
 namespace mpegcore {
@@ -28,7 +29,7 @@ struct adaptation_field {
     uint16_t original_program_clock_reference_extension = 0;
     uint8_t splice_countdown = 0;
     uint8_t transport_private_data_length = 0;
-    uint8_t private_data_byte[188] = {};
+    uint8_t private_data_byte[kTsPacketSize] = {};
     uint8_t adaptation_field_extension_length = 0;
     uint8_t ltw_flag = 0;
     uint8_t piecewise_rate_flag = 0;
@@ -48,10 +49,10 @@ struct adaptation_field {
 };
 
 struct transport_packet {
-    static constexpr long size = 188;
-    static constexpr uint16_t null_PID = 0x1FFF;
+    static constexpr long size = kTsPacketSize;
+    static constexpr uint16_t null_PID = kPidNull;
 
-    uint8_t sync_byte = 0x47;
+    uint8_t sync_byte = kSyncByte;
     uint8_t transport_error_indicator = 0;
     uint8_t payload_unit_start_indicator = 0;
     uint8_t transport_priority = 0;

@@ -6,6 +6,7 @@
 
 #include "mpegcore/BaseMpegTable.h"
 #include "mpegcore/BasePID.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/vqdescriptorlist.h"
 
 namespace mpegcore {
@@ -43,7 +44,7 @@ bool CMpegMisc::GetBitsFromStream(const unsigned char* data, size_t size, size_t
 
 bool CMpegMisc::HasPCR(const unsigned char* packet, size_t size) {
     // Header (4), adaptation_field_length (1) and the flags byte (1).
-    if (!packet || size < 6 || packet[0] != 0x47)
+    if (!packet || size < 6 || packet[0] != kSyncByte)
         return false;
     const bool hasAdaptationField = packet[3] & 0x20;
     return hasAdaptationField && packet[4] > 0 && (packet[5] & 0x10);

@@ -1,5 +1,6 @@
 #include "mpegcore/PMT.h"
 
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/MpegMisc.h"
 
 namespace mpegcore {
@@ -26,7 +27,7 @@ void CPMT::Clear() {
 
 bool CPMT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     const unsigned char* start = reader.getData();
-    if (!CMpegMisc::read_section_header(*this, reader) || table_id != 0x02 || zero != 0 ||
+    if (!CMpegMisc::read_section_header(*this, reader) || table_id != kTableIdPMT || zero != 0 ||
         !isCompleteWithValidCRC(start, reader))
         return false;
     if (!(readLongHeader(reader, program_number, *this) && reader.getBits<3>(reserved2) &&

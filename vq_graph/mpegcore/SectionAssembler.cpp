@@ -3,10 +3,11 @@
 #include <cstddef>
 #include <utility>
 
+#include "mpegcore/MpegConstants.h"
+
 namespace mpegcore {
 
 namespace {
-constexpr size_t kPidCount = 8192;
 constexpr size_t kHeaderSize = 3;   // table_id and section_length
 constexpr unsigned char kStuffing = 0xFF;
 }  // namespace

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "mpegcore/BaseMpegParser.h"
+#include "mpegcore/MpegConstants.h"
 
 namespace mpegcore {
 
@@ -80,7 +81,7 @@ uint8_t crc8_dvb_t2(const unsigned char* data, size_t size);
 
 class CT2MIToTS : private CBaseMpegParser {
 public:
-    static constexpr size_t user_packet_size = 187;  // a TS packet without its sync byte
+    static constexpr size_t user_packet_size = kTsPacketSizeAfterSync;  // a TS packet without its sync byte
     static constexpr size_t max_t2mi_packet = 65535;
     static constexpr size_t plp_count = 256;
 

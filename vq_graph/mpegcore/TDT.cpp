@@ -1,12 +1,13 @@
 #include "mpegcore/TDT.h"
 
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/MpegMisc.h"
 
 namespace mpegcore {
 
 CTDT::CTDT(uint64_t utc_time, unsigned char* buffer, unsigned long size)
     : CBaseMpegTable(buffer, size), UTC_time(utc_time) {
-    table_id = 0x70;
+    table_id = kTableIdTDT;
     section_syntax_indicator = 0;
     zero = 0;
     reserved = 3;

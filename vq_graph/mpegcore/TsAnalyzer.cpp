@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "mpegcore/MpegCRC32.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/MpegDescriptors.h"
 
 namespace mpegcore {
@@ -25,9 +26,6 @@ constexpr uint64_t kPcrJumpTicks = kPcrTicksPerSecond / 10;  // 100 ms
 constexpr long double kPcrAccuracyTicks = 13.5L;            // 500 ns
 constexpr unsigned kGoodToRegain = 5;
 constexpr unsigned kBadToLose = 2;
-constexpr uint8_t kSync = 0x47;
-constexpr size_t kPacket = 188;
-constexpr size_t kRsPacket = 204;
 constexpr uint8_t kCaTag = 9;
 
 enum reference_kind : uint8_t { kPmtPid = 1, kEsPid = 2, kPcrPid = 4, kCaPid = 8 };
@@ -189,16 +187,16 @@ void CTsAnalyzer::restartReferences() {
 }
 
 void CTsAnalyzer::push_packet(uint64_t time, const uint8_t* packet, size_t size) {
-    if (!packet || size < kPacket)
+    if (!packet || size < kTsPacketSize)
         return;
     const uint64_t pos = m_nPos + (m_bStarted ? size : 0);
-    if (packet[0] == kSync) {
+    if (packet[0] == kSyncByte) {
         if (m_bInSync) {
             syncGood();
             analyse(time, pos, packet);
         } else {
             // Regaining: the good packets are held until there are five.
-            m_regain.emplace_back(packet, packet + kPacket);
+            m_regain.emplace_back(packet, packet + kTsPacketSize);
             m_regainTimes.push_back(time);
             if (m_regain.size() == kGoodToRegain) {
                 m_bInSync = true;
@@ -211,9 +209,9 @@ void CTsAnalyzer::push_packet(uint64_t time, const uint8_t* packet, size_t size)
             }
         }
     } else if (syncBad(time)) {
-        uint8_t fixed[kPacket];
-        std::memcpy(fixed, packet, kPacket);
-        fixed[0] = kSync;
+        uint8_t fixed[kTsPacketSize];
+        std::memcpy(fixed, packet, kTsPacketSize);
+        fixed[0] = kSyncByte;
         analyse(time, pos, fixed);
     } else {
         m_regain.clear();
@@ -272,7 +270,7 @@ size_t CTsAnalyzer::scanRun(const uint8_t* run, size_t n, ptrdiff_t chunkOffset)
     };
     auto alignedAt = [&](size_t at, size_t packetSize) {
         for (unsigned k = 0; k < kGoodToRegain; ++k)
-            if (run[at + k * packetSize] != kSync)
+            if (run[at + k * packetSize] != kSyncByte)
                 return false;
         return true;
     };
@@ -280,23 +278,23 @@ size_t CTsAnalyzer::scanRun(const uint8_t* run, size_t n, ptrdiff_t chunkOffset)
     while (pos < n) {
         if (!m_bRawAligned) {
             // Search for five sync bytes in a row, 188 bytes apart, else 204.
-            const size_t span188 = (kGoodToRegain - 1) * kPacket + 1;
-            const size_t span204 = (kGoodToRegain - 1) * kRsPacket + 1;
+            const size_t span188 = (kGoodToRegain - 1) * kTsPacketSize + 1;
+            const size_t span204 = (kGoodToRegain - 1) * kRsPacketSize + 1;
             bool found = false, undecided = false;
             for (; pos < n; ++pos) {
-                if (run[pos] != kSync)
+                if (run[pos] != kSyncByte)
                     continue;
                 if (pos + span188 > n || pos + span204 > n) {
-                    if (pos + span188 <= n && alignedAt(pos, kPacket)) {
-                        m_nPacketSize = kPacket;
+                    if (pos + span188 <= n && alignedAt(pos, kTsPacketSize)) {
+                        m_nPacketSize = kTsPacketSize;
                         found = true;
                     } else {
                         undecided = true;
                     }
                     break;
                 }
-                if (alignedAt(pos, kPacket) || alignedAt(pos, kRsPacket)) {
-                    m_nPacketSize = alignedAt(pos, kPacket) ? kPacket : kRsPacket;
+                if (alignedAt(pos, kTsPacketSize) || alignedAt(pos, kRsPacketSize)) {
+                    m_nPacketSize = alignedAt(pos, kTsPacketSize) ? kTsPacketSize : kRsPacketSize;
                     found = true;
                     break;
                 }
@@ -311,13 +309,13 @@ size_t CTsAnalyzer::scanRun(const uint8_t* run, size_t n, ptrdiff_t chunkOffset)
             break;
         const uint8_t* packet = run + pos;
         const uint64_t time = timeOfEnd(pos + m_nPacketSize);
-        if (packet[0] == kSync) {
+        if (packet[0] == kSyncByte) {
             syncGood();
             analyse(time, m_nRawPos + pos, packet);
         } else if (syncBad(time)) {
-            uint8_t fixed[kPacket];
-            std::memcpy(fixed, packet, kPacket);
-            fixed[0] = kSync;
+            uint8_t fixed[kTsPacketSize];
+            std::memcpy(fixed, packet, kTsPacketSize);
+            fixed[0] = kSyncByte;
             analyse(time, m_nRawPos + pos, fixed);
         } else {
             m_bRawAligned = false;
@@ -342,7 +340,7 @@ void CTsAnalyzer::analyse(uint64_t time, uint64_t pos, const uint8_t* packet) {
     }
     m_tLast = time;
     ++m_nPackets;
-    Process(const_cast<unsigned char*>(packet), kPacket);
+    Process(const_cast<unsigned char*>(packet), kTsPacketSize);
     if (time >= m_tLastScan + kScanPeriod)
         check_timers(time);
 }
@@ -372,11 +370,11 @@ int CTsAnalyzer::OnProcess(unsigned int, transport_packet& packet) {
             report(tr101290_check::CAT_error, pid, m_tNow, "scrambled packet without a CAT");
     }
     const uint8_t kind = m_referenced[pid];
-    if (pid == 0) {
-        seen(m_patPackets, kPsiLimit, tr101290_check::PAT_error, 0, "no PAT PID packet for 500 ms");
+    if (pid == kPidPAT) {
+        seen(m_patPackets, kPsiLimit, tr101290_check::PAT_error, kPidPAT, "no PAT PID packet for 500 ms");
         if (scrambled) {
-            report(tr101290_check::PAT_error, 0, m_tNow, "scrambled PAT PID packet");
-            report(tr101290_check::PAT_error_2, 0, m_tNow, "scrambled PAT PID packet");
+            report(tr101290_check::PAT_error, kPidPAT, m_tNow, "scrambled PAT PID packet");
+            report(tr101290_check::PAT_error_2, kPidPAT, m_tNow, "scrambled PAT PID packet");
         }
     } else if (kind & kPmtPid) {
         auto program = m_programs.find(pid);
@@ -403,7 +401,7 @@ int CTsAnalyzer::OnProcess(unsigned int, transport_packet& packet) {
 }
 
 bool CTsAnalyzer::isSectionPid(uint16_t pid) const {
-    return pid <= 2 || (pid >= 0x10 && pid <= 0x14) || (m_referenced[pid] & kPmtPid);
+    return pid <= kPidTSDT || (pid >= kPidNIT && pid <= kPidTDT) || (m_referenced[pid] & kPmtPid);
 }
 
 void CTsAnalyzer::checkContinuity(pid_state& st, const transport_packet& packet, bool& duplicate) {
@@ -502,20 +500,20 @@ void CTsAnalyzer::checkPES(pid_state& st, const transport_packet& packet) {
 void CTsAnalyzer::onSection(uint16_t pid, const unsigned char* section, size_t size) {
     const uint8_t tableId = section[0];
     const bool longForm = section[1] & 0x80;
-    if (longForm || tableId == 0x73) {
+    if (longForm || tableId == kTableIdTOT) {
         if (size < 8 || crc32_mpeg2(section, size) != 0) {
             report(tr101290_check::CRC_error, pid, m_tNow, "section CRC wrong");
             return;
         }
     }
     // The PAT, CAT and PMT have the long form; a short one is not read.
-    const bool psi = pid <= 1 || (m_referenced[pid] & kPmtPid);
+    const bool psi = pid <= kPidCAT || (m_referenced[pid] & kPmtPid);
     if (psi && !longForm) {
-        if (pid == 0 && tableId != 0) {
-            report(tr101290_check::PAT_error, 0, m_tNow, "table_id not 0 on the PAT PID");
-            report(tr101290_check::PAT_error_2, 0, m_tNow, "table_id not 0 on the PAT PID");
-        } else if (pid == 1 && tableId != 1) {
-            report(tr101290_check::CAT_error, 1, m_tNow, "table_id not 1 on the CAT PID");
+        if (pid == kPidPAT && tableId != kTableIdPAT) {
+            report(tr101290_check::PAT_error, kPidPAT, m_tNow, "table_id not 0 on the PAT PID");
+            report(tr101290_check::PAT_error_2, kPidPAT, m_tNow, "table_id not 0 on the PAT PID");
+        } else if (pid == kPidCAT && tableId != kTableIdCAT) {
+            report(tr101290_check::CAT_error, kPidCAT, m_tNow, "table_id not 1 on the CAT PID");
         }
         return;
     }
@@ -536,23 +534,23 @@ void CTsAnalyzer::onSection(uint16_t pid, const unsigned char* section, size_t s
         table.last_time = m_tNow;
     }
 
-    if (pid == 0) {
-        if (tableId != 0) {
-            report(tr101290_check::PAT_error, 0, m_tNow, "table_id not 0 on the PAT PID");
-            report(tr101290_check::PAT_error_2, 0, m_tNow, "table_id not 0 on the PAT PID");
+    if (pid == kPidPAT) {
+        if (tableId != kTableIdPAT) {
+            report(tr101290_check::PAT_error, kPidPAT, m_tNow, "table_id not 0 on the PAT PID");
+            report(tr101290_check::PAT_error_2, kPidPAT, m_tNow, "table_id not 0 on the PAT PID");
             return;
         }
-        seen(m_patSections2, kPsiLimit, tr101290_check::PAT_error_2, 0, "no PAT for 500 ms");
+        seen(m_patSections2, kPsiLimit, tr101290_check::PAT_error_2, kPidPAT, "no PAT for 500 ms");
         onPAT(section, size);
-    } else if (pid == 1) {
-        if (tableId != 1)
-            report(tr101290_check::CAT_error, 1, m_tNow, "table_id not 1 on the CAT PID");
+    } else if (pid == kPidCAT) {
+        if (tableId != kTableIdCAT)
+            report(tr101290_check::CAT_error, kPidCAT, m_tNow, "table_id not 1 on the CAT PID");
         else
             onCAT(section, size);
     } else if (m_referenced[pid] & kPmtPid) {
-        if (tableId == 2)
+        if (tableId == kTableIdPMT)
             onPMT(pid, section, size);
-    } else if (pid >= 0x10 && pid <= 0x14) {
+    } else if (pid >= kPidNIT && pid <= kPidTDT) {
         checkSI(pid, tableId, ext, sectionNumber, section, size);
     }
 }
@@ -572,15 +570,15 @@ void CTsAnalyzer::checkSI(uint16_t pid, uint8_t tableId, uint16_t ext, uint8_t s
     using C = tr101290_check;
     const subtable_key key{pid, tableId, ext, sectionNumber};
     const uint32_t subKey = (uint32_t(ext) << 8) | sectionNumber;
-    if (tableId == 0x72)
+    if (tableId == kTableIdST)
         return;  // stuffing table, allowed on every SI PID
     switch (pid) {
-    case 0x10:
-        if (tableId == 0x40) {
+    case kPidNIT:
+        if (tableId == kTableIdNITActual) {
             seen(m_nit, 10 * kSecond, C::NIT_error, pid, "no NIT for 10 s");
             seen(m_nitActual, 10 * kSecond, C::NIT_actual_error, pid, "no NIT actual for 10 s");
             minSpacing(key, C::NIT_actual_error, pid);
-        } else if (tableId == 0x41) {
+        } else if (tableId == kTableIdNITOther) {
             seen(m_nit, 10 * kSecond, C::NIT_error, pid, "no NIT for 10 s");
             seen(m_nitOther[subKey], 10 * kSecond, C::NIT_other_error, pid, "no NIT other for 10 s");
             minSpacing(key, C::SI_repetition_error, pid);
@@ -588,35 +586,35 @@ void CTsAnalyzer::checkSI(uint16_t pid, uint8_t tableId, uint16_t ext, uint8_t s
             report(C::NIT_error, pid, m_tNow, "table_id not a NIT on the NIT PID");
         }
         break;
-    case 0x11:
-        if (tableId == 0x42) {
+    case kPidSDT:
+        if (tableId == kTableIdSDTActual) {
             seen(m_sdtActual, 2 * kSecond, C::SDT_actual_error, pid, "no SDT actual for 2 s");
             minSpacing(key, C::SDT_actual_error, pid);
-        } else if (tableId == 0x46) {
+        } else if (tableId == kTableIdSDTOther) {
             seen(m_sdtOther[ext], 10 * kSecond, C::SDT_other_error, pid, "no SDT other for 10 s");
             minSpacing(key, C::SI_repetition_error, pid);
-        } else if (tableId == 0x4A) {
+        } else if (tableId == kTableIdBAT) {
             seen(m_bat[subKey], 10 * kSecond, C::SI_repetition_error, pid, "no BAT for 10 s");
             minSpacing(key, C::SI_repetition_error, pid);
         } else {
             report(C::SDT_error, pid, m_tNow, "table_id not an SDT or BAT on the SDT PID");
         }
         break;
-    case 0x12: {
-        if (tableId < 0x4E || tableId > 0x6F) {
+    case kPidEIT: {
+        if (tableId < kTableIdEITActual || tableId > kTableIdEITOtherScheduleLast) {
             report(C::EIT_error, pid, m_tNow, "table_id not an EIT on the EIT PID");
             break;
         }
         const uint32_t service = size >= 14 ? (uint32_t(section[8]) << 24 | uint32_t(section[9]) << 16 | ext) : ext;
-        if (tableId == 0x4E && sectionNumber == 0) {
+        if (tableId == kTableIdEITActual && sectionNumber == 0) {
             seen(m_eitActual, 2 * kSecond, C::EIT_actual_error, pid, "no EIT p/f actual for 2 s");
             minSpacing(key, C::EIT_actual_error, pid);
         } else {
-            if (tableId == 0x4F && sectionNumber == 0)
+            if (tableId == kTableIdEITOther && sectionNumber == 0)
                 seen(m_eitOther[service], 10 * kSecond, C::EIT_other_error, pid, "no EIT p/f other for 10 s");
             minSpacing(key, C::SI_repetition_error, pid);
         }
-        if ((tableId == 0x4E || tableId == 0x4F) && sectionNumber <= 1) {
+        if ((tableId == kTableIdEITActual || tableId == kTableIdEITOther) && sectionNumber <= 1) {
             pf_state& pf = m_pf[{static_cast<uint16_t>(service >> 16), tableId, ext, 0}];
             if (!pf.seen[0] && !pf.seen[1])
                 pf.first = m_tNow;
@@ -624,17 +622,17 @@ void CTsAnalyzer::checkSI(uint16_t pid, uint8_t tableId, uint16_t ext, uint8_t s
         }
         break;
     }
-    case 0x13:
-        if (tableId == 0x71)
+    case kPidRST:
+        if (tableId == kTableIdRST)
             minSpacing(key, C::RST_error, pid);
         else
             report(C::RST_error, pid, m_tNow, "table_id not an RST on the RST PID");
         break;
-    case 0x14:
-        if (tableId == 0x70) {
+    case kPidTDT:
+        if (tableId == kTableIdTDT) {
             seen(m_tdt, 30 * kSecond, C::TDT_error, pid, "no TDT for 30 s");
             minSpacing(key, C::TDT_error, pid);
-        } else if (tableId == 0x73) {
+        } else if (tableId == kTableIdTOT) {
             seen(m_tot[0], 30 * kSecond, C::SI_repetition_error, pid, "no TOT for 30 s");
             minSpacing(key, C::SI_repetition_error, pid);
         } else {
@@ -754,23 +752,23 @@ void CTsAnalyzer::rebuildReferences() {
 void CTsAnalyzer::check_timers(uint64_t now) {
     using C = tr101290_check;
     m_tLastScan = now;
-    expire(m_patPackets, now, kPsiLimit, C::PAT_error, 0, "no PAT PID packet for 500 ms");
-    expire(m_patSections2, now, kPsiLimit, C::PAT_error_2, 0, "no PAT for 500 ms");
-    expire(m_nit, now, 10 * kSecond, C::NIT_error, 0x10, "no NIT for 10 s");
-    expire(m_nitActual, now, 10 * kSecond, C::NIT_actual_error, 0x10, "no NIT actual for 10 s");
-    expire(m_sdtActual, now, 2 * kSecond, C::SDT_actual_error, 0x11, "no SDT actual for 2 s");
-    expire(m_eitActual, now, 2 * kSecond, C::EIT_actual_error, 0x12, "no EIT p/f actual for 2 s");
-    expire(m_tdt, now, 30 * kSecond, C::TDT_error, 0x14, "no TDT for 30 s");
+    expire(m_patPackets, now, kPsiLimit, C::PAT_error, kPidPAT, "no PAT PID packet for 500 ms");
+    expire(m_patSections2, now, kPsiLimit, C::PAT_error_2, kPidPAT, "no PAT for 500 ms");
+    expire(m_nit, now, 10 * kSecond, C::NIT_error, kPidNIT, "no NIT for 10 s");
+    expire(m_nitActual, now, 10 * kSecond, C::NIT_actual_error, kPidNIT, "no NIT actual for 10 s");
+    expire(m_sdtActual, now, 2 * kSecond, C::SDT_actual_error, kPidSDT, "no SDT actual for 2 s");
+    expire(m_eitActual, now, 2 * kSecond, C::EIT_actual_error, kPidEIT, "no EIT p/f actual for 2 s");
+    expire(m_tdt, now, 30 * kSecond, C::TDT_error, kPidTDT, "no TDT for 30 s");
     for (auto& e : m_nitOther)
-        expire(e.second, now, 10 * kSecond, C::NIT_other_error, 0x10, "no NIT other for 10 s");
+        expire(e.second, now, 10 * kSecond, C::NIT_other_error, kPidNIT, "no NIT other for 10 s");
     for (auto& e : m_sdtOther)
-        expire(e.second, now, 10 * kSecond, C::SDT_other_error, 0x11, "no SDT other for 10 s");
+        expire(e.second, now, 10 * kSecond, C::SDT_other_error, kPidSDT, "no SDT other for 10 s");
     for (auto& e : m_eitOther)
-        expire(e.second, now, 10 * kSecond, C::EIT_other_error, 0x12, "no EIT p/f other for 10 s");
+        expire(e.second, now, 10 * kSecond, C::EIT_other_error, kPidEIT, "no EIT p/f other for 10 s");
     for (auto& e : m_bat)
-        expire(e.second, now, 10 * kSecond, C::SI_repetition_error, 0x11, "no BAT for 10 s");
+        expire(e.second, now, 10 * kSecond, C::SI_repetition_error, kPidSDT, "no BAT for 10 s");
     for (auto& e : m_tot)
-        expire(e.second, now, 30 * kSecond, C::SI_repetition_error, 0x14, "no TOT for 30 s");
+        expire(e.second, now, 30 * kSecond, C::SI_repetition_error, kPidTDT, "no TOT for 30 s");
     for (auto& e : m_programs) {
         expire(e.second.packets, now, kPsiLimit, C::PMT_error, e.first, "no PMT PID packet for 500 ms");
         expire(e.second.sections, now, kPsiLimit, C::PMT_error_2, e.first, "no PMT for 500 ms");
@@ -779,10 +777,10 @@ void CTsAnalyzer::check_timers(uint64_t now) {
     }
     for (auto& e : m_pf) {
         pf_state& pf = e.second;
-        const uint64_t limit = e.first.table_id == 0x4E ? 2 * kSecond : 10 * kSecond;
+        const uint64_t limit = e.first.table_id == kTableIdEITActual ? 2 * kSecond : 10 * kSecond;
         if (!pf.counted && pf.seen[0] != pf.seen[1] && now > pf.first + limit) {
             pf.counted = true;
-            report(C::EIT_PF_error, 0x12, now, "EIT p/f section 0 or 1 missing");
+            report(C::EIT_PF_error, kPidEIT, now, "EIT p/f section 0 or 1 missing");
         }
     }
     for (const uint16_t pid : m_seenPids) {

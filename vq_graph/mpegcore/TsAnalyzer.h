@@ -47,6 +47,7 @@
 #include <vector>
 
 #include "mpegcore/BaseMpegParser.h"
+#include "mpegcore/MpegConstants.h"
 #include "mpegcore/SectionAssembler.h"
 
 namespace mpegcore {
@@ -117,7 +118,7 @@ struct ts_table_figures {
 struct ts_service_figures {
     uint16_t service_id = 0;
     uint16_t pmt_pid = 0;
-    uint16_t pcr_pid = 0x1FFF;
+    uint16_t pcr_pid = kPidNull;
     std::vector<uint16_t> pids;  // elementary PIDs
 };
 
@@ -146,7 +147,7 @@ public:
     void push_raw(uint64_t tStart, uint64_t tStop, const uint8_t* data, size_t size);
     // One aligned packet (188 bytes, or 204 of which the first 188 count)
     // received at `time` nanoseconds.
-    void push_packet(uint64_t time, const uint8_t* packet, size_t size = 188);
+    void push_packet(uint64_t time, const uint8_t* packet, size_t size = kTsPacketSize);
     // Counts the interval checks whose limit has passed by `now`.
     void check_timers(uint64_t now);
     // The end of the stream: counts the gaps still open at the last packet.
@@ -190,7 +191,7 @@ private:
     struct program_info {
         uint16_t program_number = 0;
         bool has_pmt = false;
-        uint16_t pcr_pid = 0x1FFF;
+        uint16_t pcr_pid = kPidNull;
         std::vector<uint16_t> pids;     // elementary PIDs
         std::vector<uint16_t> ca_pids;  // ECM PIDs of its CA descriptors
         interval packets, sections;     // PMT_error, PMT_error_2
@@ -258,7 +259,7 @@ private:
     // Sync state (both entry points).
     bool m_bInSync = true;
     unsigned m_nBadInRow = 0;
-    size_t m_nPacketSize = 188;
+    size_t m_nPacketSize = kTsPacketSize;
     std::vector<uint8_t> m_raw;          // raw bytes carried to the next call
     uint64_t m_nRawPos = 0;              // stream offset of m_raw's first byte
     uint64_t m_tRunStart = 0, m_tRunStop = 0;  // the current chunk's time span

@@ -43,6 +43,7 @@ set(MPEGCORE_HEADERS
   mpegcore/DvbText.h
   mpegcore/EIT.h
   mpegcore/MpegCRC32.h
+  mpegcore/MpegConstants.h
   mpegcore/MpegDescriptors.h
   mpegcore/MpegMisc.h
   mpegcore/NIT.h

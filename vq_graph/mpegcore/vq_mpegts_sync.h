@@ -7,6 +7,8 @@
 #include <functional>
 #include <memory>
 
+#include "mpegcore/MpegConstants.h"
+
 namespace mpegcore {
 
 // Receives (timestamp in nanoseconds, data, size).
@@ -26,9 +28,9 @@ public:
     void push_data(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size);
     size_t get_bad_bytes() const { return m_nCountBadByte; }
 
-    static constexpr uint8_t sync_byte = 0x47;
-    static constexpr size_t ts_packet_size = 188;
-    static constexpr size_t rs_packet_size = 204;
+    static constexpr uint8_t sync_byte = kSyncByte;
+    static constexpr size_t ts_packet_size = kTsPacketSize;
+    static constexpr size_t rs_packet_size = kRsPacketSize;
 
 protected:
     // The search and delivery loop over one run; keeps what is left as the tail.

@@ -6,7 +6,6 @@
 #include <utility>
 
 namespace {
-constexpr unsigned char kSyncByte = 0x47;
 const char kNoFreeBuffers[] = "No free buffers in the buffer pool";
 const char kCantPush[] = "Can't push buffer, err = ";
 }  // namespace
@@ -77,13 +76,13 @@ bool vq_data_provider::push_data(unsigned long pts, unsigned char* data, unsigne
     size_t room = m_map.size - m_gstBufferSize;
     size_t written = 0;
     if (!withSync && room > 0) {
-        *out++ = kSyncByte;
+        *out++ = mpegcore::kSyncByte;
         --room;
         written = 1;
     }
     // A 204-byte packet loses its parity bytes here; a packet without its sync byte
     // contributes at most the 187 bytes that follow it.
-    const size_t packet = withSync ? ts_packet_size : ts_packet_size - 1;
+    const size_t packet = withSync ? ts_packet_size : mpegcore::kTsPacketSizeAfterSync;
     const size_t n = std::min({static_cast<size_t>(size), packet, room});
     if (n == ts_packet_size && data)
         std::memcpy(out, data, ts_packet_size);  // the usual case, as fixed-size moves

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "mpegcore/MpegConstants.h"
 #include "vq_asi_capture/vq_asi_pad.h"
 #include "vq_asi_capture/vq_asi_statistics.h"
 
@@ -27,7 +28,7 @@ public:
     // What downstream answered to the latest push (GST_FLOW_OK before any).
     GstFlowReturn last_flow() const { return m_eLastFlow; }
 
-    static constexpr size_t ts_packet_size = 188;
+    static constexpr size_t ts_packet_size = mpegcore::kTsPacketSize;
 
 protected:
     // Null without a pool or when the pool refuses (inactive, flushing).
