@@ -1,5 +1,5 @@
-# Statistics and alarm suites: they link the element-side library, and the
-# multi-threaded ones carry the label "tsan" for the ThreadSanitizer run.
+# Statistics, alarm and capture-thread suites: they link the element-side library,
+# and the multi-threaded ones carry the label "tsan" for the ThreadSanitizer run.
 set(VQ_ALARMS_SUITES
   test_statistics
   test_statistics_rates
@@ -8,6 +8,7 @@ set(VQ_ALARMS_SUITES
   test_alarms_dispatcher
   test_alarms_dispatcher_timing)
 set(VQ_ALARMS_TSAN_SUITES
+  test_capture_thread
   test_statistics_concurrency
   test_alarms_stress
   test_polling_alarm_manager)

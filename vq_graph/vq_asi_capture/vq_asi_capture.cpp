@@ -268,50 +268,53 @@ void vq_asi_capture::post_alarm_message(const vq_alarm_data& data) {
 
 bool vq_asi_capture::send_eos(GstEvent* event) {
     // State changes cannot run meanwhile: GStreamer holds the state lock around send_event.
-    const bool capturing = m_fAsiExit && m_asi_thread.joinable() &&
-                           m_fAsiDone.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
-    if (!capturing)
+    if (!m_capture.request_eos(gst_event_get_seqnum(event)))
         return gst_pad_push_event(m_asi_pad.pad, event);
-    m_nEosSeqnum = gst_event_get_seqnum(event);
     gst_event_unref(event);
-    m_bEosPending = true;
     return true;
 }
 
 void vq_asi_capture::push_pending_eos() {
-    if (!m_bEosPending.exchange(false))
+    uint32_t seqnum = 0;
+    if (!m_capture.take_eos(seqnum))
         return;
     if (m_send_asi_new_segment)
         push_segment(0);  // no data yet: the segment still comes first
-    m_bEosSent = true;
     GstEvent* eos = gst_event_new_eos();
-    gst_event_set_seqnum(eos, m_nEosSeqnum);
+    gst_event_set_seqnum(eos, seqnum);
     gst_pad_push_event(m_asi_pad.pad, eos);
 }
 
 bool vq_asi_capture::start() {
     m_alarms.start_polling();
-    m_bEosPending = false;
-    m_bEosSent = false;
-    // A sink that paused before us may still hold the previous capture thread in a push
-    // (see stop_capture_thread). That thread owns the pad and the device until it
-    // returns, and joining it here could wait on the application itself (an appsink
-    // whose queue only the application empties), so the start then runs on the new
-    // capture thread, in the same order, once the old one has returned.
-    if (m_asi_thread.joinable() && m_fAsiDone.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-        start_after_previous_thread();
+    switch (m_capture.state()) {
+    case vq_capture_thread::eRunning:
+    case vq_capture_thread::eStopping: {
+        // The previous capture thread owns the pad and the device until it returns:
+        // the start runs on the new thread, in the same order, once it has. The
+        // properties are read now: they may change meanwhile.
+        const eInputType inputType = m_eInputType;
+        const uint8_t plp = m_nPLP;
+        m_capture.launch_after_previous([this, inputType, plp](std::future<void> exit) {
+            release_capture();
+            begin_capture(inputType, plp);
+            if (isConnect(m_asi_pad.pad))
+                work_asi_thread(std::move(exit));
+        });
         return true;
     }
-    if (m_asi_thread.joinable()) {
-        m_asi_thread.join();
+    case vq_capture_thread::eReturned:
+        m_capture.join_returned();
         release_capture();
+        break;
+    case vq_capture_thread::eIdle:
+        break;
     }
-    m_bStopCapture = false;
     begin_capture(m_eInputType, m_nPLP);
     // Unlinked, the element plays but captures nothing.
     if (!isConnect(m_asi_pad.pad))
         return true;
-    launch_capture_thread([this](std::future<void> exit) { work_asi_thread(std::move(exit)); });
+    m_capture.launch([this](std::future<void> exit) { work_asi_thread(std::move(exit)); });
     return true;
 }
 
@@ -339,37 +342,6 @@ void vq_asi_capture::begin_capture(eInputType inputType, uint8_t plp) {
     }
 }
 
-void vq_asi_capture::launch_capture_thread(std::function<void(std::future<void>)> body) {
-    m_fAsiExit = std::make_shared<std::promise<void>>();
-    auto done = std::make_shared<std::promise<void>>();
-    m_fAsiDone = done->get_future();
-    m_asi_thread = std::thread(
-        [body = std::move(body), done](std::future<void> exit) {
-            body(std::move(exit));
-            done->set_value();
-        },
-        m_fAsiExit->get_future());
-}
-
-void vq_asi_capture::start_after_previous_thread() {
-    auto previous = std::make_shared<std::thread>(std::move(m_asi_thread));
-    // Read now: the properties may change while the previous thread is still pushing.
-    const eInputType inputType = m_eInputType;
-    const uint8_t plp = m_nPLP;
-    launch_capture_thread([this, previous, inputType, plp](std::future<void> exit) {
-        previous->join();
-        // Stopped again meanwhile: the release is left to the next start or close.
-        if (exit.wait_for(std::chrono::seconds(0)) == std::future_status::ready)
-            return;
-        // A stop from here on still finds exit set before any packet is pushed.
-        m_bStopCapture = false;
-        release_capture();
-        begin_capture(inputType, plp);
-        if (isConnect(m_asi_pad.pad))
-            work_asi_thread(std::move(exit));
-    });
-}
-
 void vq_asi_capture::stop() { stop_capture_thread(true); }
 
 void vq_asi_capture::close() {
@@ -381,26 +353,9 @@ void vq_asi_capture::close() {
 void vq_asi_capture::stop_capture_thread(bool mayDefer) {
     m_alarms.stop_polling();
     m_alarms.stop();
-    if (m_asi_thread.joinable()) {
-        if (m_fAsiExit) {
-            m_fAsiExit->set_value();
-            m_fAsiExit.reset();
-        }
-        // Sinks reach PAUSED before their source does, and a paused sink keeps the next
-        // pushed buffer waiting for preroll (an appsink whose queue is full waits for
-        // the application). A flush would free the push but makes filesink truncate its
-        // file on flush-stop, so, as a live GstBaseSrc does, the thread is left in its
-        // push and the rest of the stop goes to the next start or close: by then the
-        // sink plays again or flushes on its way down, and the push returns.
-        // Left running, the thread must not push the rest of its frame: by then the pad
-        // may have been deactivated and activated again for the next start.
-        if (mayDefer && m_fAsiDone.wait_for(kThreadStopWait) != std::future_status::ready) {
-            m_bStopCapture = true;
-            return;
-        }
-        m_asi_thread.join();
-    }
-    release_capture();
+    // A thread left in its push keeps what it uses until the next start or close.
+    if (m_capture.stop(mayDefer, kThreadStopWait))
+        release_capture();
 }
 
 void vq_asi_capture::release_capture() {
@@ -506,8 +461,7 @@ void vq_asi_capture::push_segment(uint64_t start) {
 }
 
 bool vq_asi_capture::receive_data(uint64_t pts, uint8_t* data, size_t size) {
-    if (m_bStopCapture.load(std::memory_order_relaxed) || m_bEosSent.load(std::memory_order_relaxed) ||
-        m_bFlowError.load(std::memory_order_relaxed))
+    if (m_capture.dropping() || m_capture.eos_sent() || m_bFlowError.load(std::memory_order_relaxed))
         return false;
     // The segment starts at the first packet after each start.
     if (m_send_asi_new_segment)

@@ -6,19 +6,19 @@
 #include <gst/gst.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "mpegcore/vq_mpegts_sync.h"
 #include "vq_asi_capture/vq_alarms_dispatcher.h"
 #include "vq_asi_capture/vq_asi_pad.h"
 #include "vq_asi_capture/vq_asi_statistics.h"
+#include "vq_asi_capture/vq_capture_thread.h"
 #include "vq_asi_capture/vq_gst_asi_capture.h"
 #include "vq_asi_capture/vq_v4l2_asi_input_device.h"
 
@@ -80,10 +80,6 @@ protected:
 private:
     // Start steps 1 to 5: alarms, statistics, negotiation, streaming on, a new provider.
     void begin_capture(eInputType inputType, uint8_t plp);
-    // Runs body on a new capture thread with a fresh exit signal.
-    void launch_capture_thread(std::function<void(std::future<void>)> body);
-    // A start while the previous capture thread is still inside a downstream push.
-    void start_after_previous_thread();
     // Signals the capture thread to end and joins it, then releases what it used; with
     // mayDefer, a thread still caught in a push after a short wait is left running.
     void stop_capture_thread(bool mayDefer);
@@ -112,19 +108,9 @@ private:
     mpegcore::vq_mpegts_sync m_sync;
     std::shared_ptr<GstBufferPool> m_pAsiBufferPool;
     std::recursive_mutex m_cs;  // kept for the interface; nothing uses it
-    std::thread m_asi_thread;
-    std::shared_ptr<std::promise<void>> m_fAsiExit;
-    std::future<void> m_fAsiDone;  // ready once the capture thread has returned
+    vq_capture_thread m_capture;
     vq_asi_pad m_asi_pad;
     bool m_send_asi_new_segment = true;
-    // Set by a stop that left the capture thread in its push: once out, the thread
-    // drops the rest of its frame instead of pushing it.
-    std::atomic<bool> m_bStopCapture{false};
-    // An end of stream for the capture thread to push (with its sequence number), and
-    // whether it has: no data follows it.
-    std::atomic<bool> m_bEosPending{false};
-    std::atomic<uint32_t> m_nEosSeqnum{0};
-    std::atomic<bool> m_bEosSent{false};
     // Downstream answered a push with a fatal flow: nothing more is pushed until the next start.
     std::atomic<bool> m_bFlowError{false};
     bool m_bDeviceLostWarned = false;  // capture thread only
