@@ -80,7 +80,23 @@ struct fault_case {
     std::function<void(ts_fault_stream&)> fault;
     counts expected;
     CTsAnalyzer::options opts{};
+    size_t packets = 7500;  // three seconds; the long SI limits need longer streams
 };
+
+// A long-form SI section without loops, its CRC set.
+std::vector<uint8_t> siSection(uint8_t tableId, uint16_t ext) {
+    return vq_test::withCrc({tableId, 0xF0, 0, uint8_t(ext >> 8), uint8_t(ext), 0xC1, 0, 0, 0x00, 0x02, 0xF0, 0x00});
+}
+// An EIT present/following "other" section: transport stream 2, network 1.
+std::vector<uint8_t> eitOtherSection(uint8_t number) {
+    return vq_test::withCrc({0x4F, 0xF0, 0, 0x00, 0x05, 0xC1, number, 1, 0x00, 0x02, 0x00, 0x01, 1, 0x4F});
+}
+// A running status section: one entry (transport stream, network, service, event, status).
+const std::vector<uint8_t> kRstSection{0x71, 0x70, 0x09, 0, 1, 0, 1, 0, 1, 0, 1, 0xF4};
+const std::vector<uint8_t> kTdtSection{0x70, 0x70, 0x05, 0xE9, 0x3C, 0x12, 0x00, 0x00};
+
+constexpr size_t k12s = 30000;   // packets: longer than the 10 s limits
+constexpr size_t k33s = 82500;   // longer than the TDT's 30 s
 
 std::vector<fault_case> faultCases() {
     CTsAnalyzer::options shortPidTimeout;
@@ -148,13 +164,49 @@ std::vector<fault_case> faultCases() {
          },
          {}},
         {"UnreferencedPid", [](ts_fault_stream& s) { s.add_unreferenced_pid(); }, {{"Unreferenced_PID", 1}}},
+        // A NIT every second, then none for 11 s.
+        {"NitActualGap", [](ts_fault_stream& s) { s.drop_pid(0x10, 1000, 26000); },
+         {{"NIT_error", 1}, {"NIT_actual_error", 1}}, {}, k12s},
+        {"NitActualTooOften", [](ts_fault_stream& s) { s.add_section(60, 0x10, siSection(0x40, 1)); },
+         {{"NIT_actual_error", 1}, {"SI_repetition_error", 1}}},
+        // An "other" table seen once at 0.43 s: the gap still open at 12 s counts.
+        {"NitOtherGap", [](ts_fault_stream& s) { s.add_section(1070, 0x10, siSection(0x41, 2)); },
+         {{"NIT_other_error", 1}}, {}, k12s},
+        {"NitOtherWithinItsLimit", [](ts_fault_stream& s) { s.add_section(1070, 0x10, siSection(0x41, 2)); }, {}},
+        {"SdtOtherGap", [](ts_fault_stream& s) { s.add_section(1070, 0x11, siSection(0x46, 2)); },
+         {{"SDT_other_error", 1}}, {}, k12s},
+        {"WrongTableIdOnSdtPid", [](ts_fault_stream& s) { s.add_section(1070, 0x11, siSection(0x40, 1)); },
+         {{"SDT_error", 1}}},
+        {"EitOtherGap",
+         [](ts_fault_stream& s) {
+             s.add_section(1070, 0x12, eitOtherSection(0));
+             s.add_section(1071, 0x12, eitOtherSection(1));
+         },
+         {{"EIT_other_error", 1}}, {}, k12s},
+        {"WrongTableIdOnEitPid", [](ts_fault_stream& s) { s.add_section(1070, 0x12, ts_fault_stream::sdt_section()); },
+         {{"EIT_error", 1}}},
+        {"RstOnce", [](ts_fault_stream& s) { s.add_section(1070, 0x13, kRstSection); }, {}},
+        {"RstTooOften",
+         [](ts_fault_stream& s) {
+             s.add_section(1070, 0x13, kRstSection);
+             s.add_section(1071, 0x13, kRstSection);
+         },
+         {{"RST_error", 1}, {"SI_repetition_error", 1}}},
+        {"WrongTableIdOnRstPid", [](ts_fault_stream& s) { s.add_section(1070, 0x13, ts_fault_stream::sdt_section()); },
+         {{"RST_error", 1}}},
+        // A TDT every second, then none for 32 s.
+        {"TdtGap", [](ts_fault_stream& s) { s.drop_pid(0x14, 1000, 78000); }, {{"TDT_error", 1}}, {}, k33s},
+        {"TdtTooOften", [](ts_fault_stream& s) { s.add_section(60, 0x14, kTdtSection); },
+         {{"TDT_error", 1}, {"SI_repetition_error", 1}}},
+        {"WrongTableIdOnTdtPid", [](ts_fault_stream& s) { s.add_section(1070, 0x14, ts_fault_stream::sdt_section()); },
+         {{"TDT_error", 1}}},
     };
 }
 
 class AnalyzerFaultCase : public ::testing::TestWithParam<fault_case> {};
 
 TEST_P(AnalyzerFaultCase, CountsExactlyTheFaultAndNothingElse) {
-    ts_fault_stream stream;
+    ts_fault_stream stream(GetParam().packets);
     GetParam().fault(stream);
     const auto bytes = stream.bytes();
     EXPECT_EQ(analyseRaw(bytes, GetParam().opts), GetParam().expected) << "raw bytes";

@@ -48,11 +48,11 @@ ts_fault_stream::ts_fault_stream(size_t packets) : m_slots(packets) {
             setVideo(s, k, k % 100 == 2);
         else if (k % 1250 == 5)
             setSection(s, 0x11, sdt_section());
-        else if (k % 2500 == 6)
+        else if (k % 2500 == 56)
             setSection(s, 0x10, nitSection());
         else if (k % 1250 == 7 || k % 1250 == 8)
             setSection(s, 0x12, eitSection(static_cast<uint8_t>(k % 1250 - 7)));
-        else if (k % 2500 == 9)
+        else if (k % 2500 == 59)
             setSection(s, 0x14, tdtSection());
         else if (k % 250 == 50) {
             // Private PES without PTS.

@@ -2,8 +2,8 @@
 // Builds constant-rate transport streams with exactly known faults, for the
 // analysis suites: 2,500 packets a second (3,760,000 bit/s), a PAT and a PMT
 // every 100 ms, a video PID with a PCR and a PTS every 40 ms, a private PES
-// PID every 100 ms, SDT and EIT present/following every 500 ms, NIT and TDT
-// every second, the rest null packets. Faults replace packets or change their
+// PID every 100 ms, SDT, EIT present/following, NIT and TDT every second, the
+// rest null packets. Faults replace packets or change their
 // contents in place, so that every byte keeps its time.
 
 #include <array>
