@@ -86,9 +86,7 @@ void parseWhole(benchmark::State& state, std::vector<uint8_t>& data) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }
 
-void BM_Parser(benchmark::State& state) {
-    parseWhole(state, plainStream());
-}
+void BM_Parser(benchmark::State& state) { parseWhole(state, plainStream()); }
 BENCHMARK(BM_Parser)->Unit(benchmark::kMillisecond);
 
 // Packets of one PID with running continuity counters.
@@ -143,7 +141,11 @@ std::vector<uint8_t>& multiplexStream() {
             pmt->current_next_indicator = 1;
             pmt->program_number = n;
             pmt->PCR_PID = static_cast<uint16_t>(pmtPid + 1);
-            const uint8_t ca[] = {0x09, 4, 0x0B, 0x00, static_cast<uint8_t>(0xE0 | ((pmtPid + 9) >> 8)),
+            const uint8_t ca[] = {0x09,
+                                  4,
+                                  0x0B,
+                                  0x00,
+                                  static_cast<uint8_t>(0xE0 | ((pmtPid + 9) >> 8)),
                                   static_cast<uint8_t>(pmtPid + 9)};
             VQSDK::VQBSReaderT<unsigned char*> reader(const_cast<uint8_t*>(ca), sizeof ca);
             pmt->descriptors.read(reader);
@@ -177,9 +179,7 @@ std::vector<uint8_t>& multiplexStream() {
 }
 
 // The parser following 16 programs and 48 streams.
-void BM_ParserMultiplex(benchmark::State& state) {
-    parseWhole(state, multiplexStream());
-}
+void BM_ParserMultiplex(benchmark::State& state) { parseWhole(state, multiplexStream()); }
 BENCHMARK(BM_ParserMultiplex)->Unit(benchmark::kMillisecond);
 
 // The element's path: every aligned packet goes to the parser on its own.
@@ -214,14 +214,10 @@ void analyseWhole(benchmark::State& state, std::vector<uint8_t>& data) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(data.size()));
 }
 
-void BM_AnalyzerRaw(benchmark::State& state) {
-    analyseWhole(state, plainStream());
-}
+void BM_AnalyzerRaw(benchmark::State& state) { analyseWhole(state, plainStream()); }
 BENCHMARK(BM_AnalyzerRaw)->Unit(benchmark::kMillisecond);
 
-void BM_AnalyzerMultiplex(benchmark::State& state) {
-    analyseWhole(state, multiplexStream());
-}
+void BM_AnalyzerMultiplex(benchmark::State& state) { analyseWhole(state, multiplexStream()); }
 BENCHMARK(BM_AnalyzerMultiplex)->Unit(benchmark::kMillisecond);
 
 class CountingDecapsulator : public mpegcore::CT2MIToTS {

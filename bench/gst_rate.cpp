@@ -87,8 +87,8 @@ GstFlowReturn mem_src_create(GstBaseSrc* src, guint64, guint size, GstBuffer** o
     if (self->position >= self->size)
         return GST_FLOW_EOS;
     const gsize n = std::min<gsize>(size, self->size - self->position);
-    *out = gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, self->data + self->position, n, 0, n, nullptr,
-                                       nullptr);
+    *out =
+        gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, self->data + self->position, n, 0, n, nullptr, nullptr);
     GST_BUFFER_OFFSET(*out) = self->position;
     self->position += n;
     return GST_FLOW_OK;
@@ -99,10 +99,9 @@ void mem_src_class_init(MemSrcClass* klass) {
     object->set_property = mem_src_set_property;
     object->get_property = mem_src_get_property;
     object->finalize = mem_src_finalize;
-    g_object_class_install_property(
-        object, kPropLocation,
-        g_param_spec_string("location", "Location", "File read into memory", nullptr,
-                            GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
+    g_object_class_install_property(object, kPropLocation,
+                                    g_param_spec_string("location", "Location", "File read into memory", nullptr,
+                                                        GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
     static GstStaticPadTemplate src = GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS_ANY);
     GstElementClass* element = GST_ELEMENT_CLASS(klass);
     gst_element_class_add_static_pad_template(element, &src);

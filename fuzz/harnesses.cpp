@@ -158,9 +158,18 @@ void fixSection(Bytes& section, uint8_t control) {
 }
 
 // Render buffer sizes as the parser gives them to its tables.
-template <class T> constexpr unsigned long bufferSize() { return 1024; }
-template <> constexpr unsigned long bufferSize<CBAT>() { return 4096; }
-template <> constexpr unsigned long bufferSize<CEIT>() { return 4096; }
+template <class T>
+constexpr unsigned long bufferSize() {
+    return 1024;
+}
+template <>
+constexpr unsigned long bufferSize<CBAT>() {
+    return 4096;
+}
+template <>
+constexpr unsigned long bufferSize<CEIT>() {
+    return 4096;
+}
 
 // Every descriptor list of a table, and the checks of its keyed containers.
 template <class Visit>
@@ -168,9 +177,13 @@ void forEachList(const CPAT&, Visit) {}
 template <class Visit>
 void forEachList(const CTDT&, Visit) {}
 template <class Visit>
-void forEachList(const CDescriptorLoopTable& table, Visit visit) { visit(table.descriptors); }
+void forEachList(const CDescriptorLoopTable& table, Visit visit) {
+    visit(table.descriptors);
+}
 template <class Visit>
-void forEachList(const CTOT& table, Visit visit) { visit(table.descriptors); }
+void forEachList(const CTOT& table, Visit visit) {
+    visit(table.descriptors);
+}
 template <class Visit>
 void forEachList(const CPMT& table, Visit visit) {
     visit(table.descriptors);
@@ -439,10 +452,10 @@ public:
             touch(frame->pBBFrameData, size_t(frame->lBBFrameSize));
     }
     void OnAuxiliaryStream(T2MIAuxiliaryStream* aux) override {
-        const bool ok = aux->lStartAuxSreamDataSize >= 0 && aux->lAuxSreamDataSize >= 0 &&
-                        within(aux->pStartAuxSreamData, size_t(aux->lStartAuxSreamDataSize), m_pT2MIData.get(),
-                               m_T2MIDataLen) &&
-                        within(aux->pAuxSreamData, size_t(aux->lAuxSreamDataSize), m_pT2MIData.get(), m_T2MIDataLen);
+        const bool ok =
+            aux->lStartAuxSreamDataSize >= 0 && aux->lAuxSreamDataSize >= 0 &&
+            within(aux->pStartAuxSreamData, size_t(aux->lStartAuxSreamDataSize), m_pT2MIData.get(), m_T2MIDataLen) &&
+            within(aux->pAuxSreamData, size_t(aux->lAuxSreamDataSize), m_pT2MIData.get(), m_T2MIDataLen);
         m_findings.check(ok, "auxiliary stream data outside the T2-MI packet");
         if (ok)
             touch(aux->pStartAuxSreamData, size_t(aux->lStartAuxSreamDataSize));
@@ -712,9 +725,9 @@ std::string fuzzText(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < count; ++i) {
         const uint32_t c = static_cast<uint32_t>(codePoints[4 * i] << 24 | codePoints[4 * i + 1] << 16 |
                                                  codePoints[4 * i + 2] << 8 | codePoints[4 * i + 3]);
-        findings.check(c == '\n' || (c >= 0x20 && c != 0x7F && !(c >= 0x80 && c <= 0x9F) &&
-                                      !(c >= 0xE080 && c <= 0xE09F)),
-                       "the text holds a control character");
+        findings.check(
+            c == '\n' || (c >= 0x20 && c != 0x7F && !(c >= 0x80 && c <= 0x9F) && !(c >= 0xE080 && c <= 0xE09F)),
+            "the text holds a control character");
     }
     return findings.first();
 }
@@ -775,10 +788,22 @@ std::string fuzzAnalyzer(const uint8_t* data, size_t size) {
 
 const std::vector<Target>& targets() {
     static const std::vector<Target> all = {
-        {"sync", fuzzSync},   {"parser", fuzzParser}, {"t2mi", fuzzT2MI}, {"descriptors", fuzzDescriptors},
-        {"pat", fuzzPAT},     {"pmt", fuzzPMT},       {"cat", fuzzCAT},   {"tsdt", fuzzTSDT},
-        {"tdt", fuzzTDT},     {"tot", fuzzTOT},       {"nit", fuzzNIT},   {"sdt", fuzzSDT},
-        {"bat", fuzzBAT},     {"eit", fuzzEIT},       {"roundtrip", fuzzRoundTrip}, {"text", fuzzText},
+        {"sync", fuzzSync},
+        {"parser", fuzzParser},
+        {"t2mi", fuzzT2MI},
+        {"descriptors", fuzzDescriptors},
+        {"pat", fuzzPAT},
+        {"pmt", fuzzPMT},
+        {"cat", fuzzCAT},
+        {"tsdt", fuzzTSDT},
+        {"tdt", fuzzTDT},
+        {"tot", fuzzTOT},
+        {"nit", fuzzNIT},
+        {"sdt", fuzzSDT},
+        {"bat", fuzzBAT},
+        {"eit", fuzzEIT},
+        {"roundtrip", fuzzRoundTrip},
+        {"text", fuzzText},
         {"analyzer", fuzzAnalyzer},
     };
     return all;

@@ -166,8 +166,7 @@ void addCapture(Corpus& corpus, const fs::path& file) {
     // Synchroniser: 60 packets with 10 garbage bytes in front, cut into
     // uneven frames; and 30 packets stretched to 204 bytes.
     const Bytes head(ts.begin(), ts.begin() + std::min(ts.size(), 60 * kTsPacketSize));
-    corpus.add("sync", stem + "-188",
-               concat({{0x13, 0x03, 0xE8, 0x00, 0x07, 0x0B, 0xB8}, Bytes(10, 0xA5), head}));
+    corpus.add("sync", stem + "-188", concat({{0x13, 0x03, 0xE8, 0x00, 0x07, 0x0B, 0xB8}, Bytes(10, 0xA5), head}));
     Bytes rs;
     for (size_t pos = 0; pos + kTsPacketSize <= head.size() && pos < 30 * kTsPacketSize; pos += kTsPacketSize) {
         rs.insert(rs.end(), head.begin() + pos, head.begin() + pos + kTsPacketSize);
@@ -187,16 +186,18 @@ void addBuiltSections(Corpus& corpus) {
     const Bytes networkName = {0x40, 0x04, 'N', 'e', 't', '1'};
     const Bytes bouquetName = {0x47, 0x04, 'B', 'o', 'u', 'q'};
     const Bytes shortEvent = {0x4D, 0x0B, 'e', 'n', 'g', 0x04, 'N', 'e', 'w', 's', 0x02, 'H', 'i'};
-    const Bytes localTimeOffset = {0x58, 0x0D, 'G', 'B', 'R', 0x02, 0x01, 0x00, 0xE7, 0x5A, 0x01, 0x00, 0x00, 0x00, 0x00};
+    const Bytes localTimeOffset = {0x58, 0x0D, 'G',  'B',  'R',  0x02, 0x01, 0x00,
+                                   0xE7, 0x5A, 0x01, 0x00, 0x00, 0x00, 0x00};
     const Bytes t2Delivery = {0x7F, 0x06, 0x04, 0x66, 0x00, 0x01, 0x04, 0x41};
 
     auto withLength = [](const Bytes& loop) {
         return concat({{static_cast<uint8_t>(0xF0 | loop.size() >> 8), static_cast<uint8_t>(loop.size())}, loop});
     };
     const Bytes tsEntry = concat({{0x00, 0x01, 0x00, 0x02}, withLength(concat({serviceList, t2Delivery}))});
-    const Bytes event = concat({{0x00, 0x07, 0xEF, 0xAF, 0x19, 0x40, 0x02, 0x01, 0x30, 0x00},
-                                {static_cast<uint8_t>(0x80 | shortEvent.size() >> 8), static_cast<uint8_t>(shortEvent.size())},
-                                shortEvent});
+    const Bytes event =
+        concat({{0x00, 0x07, 0xEF, 0xAF, 0x19, 0x40, 0x02, 0x01, 0x30, 0x00},
+                {static_cast<uint8_t>(0x80 | shortEvent.size() >> 8), static_cast<uint8_t>(shortEvent.size())},
+                shortEvent});
     // (PID, section); the TDT has no CRC, the TOT gets its length and CRC from withCrc.
     const std::vector<std::pair<uint16_t, Bytes>> sections = {
         {0x0001, makeLongSection(0x01, 0xFFFF, concat({caDescriptor, unknown}))},
@@ -205,11 +206,13 @@ void addBuiltSections(Corpus& corpus) {
         {0x0011, makeLongSection(0x4A, 0x0005, concat({withLength(bouquetName), withLength(tsEntry)}))},
         {0x0012, makeLongSection(0x4E, 0x0001, concat({{0x00, 0x01, 0x00, 0x02, 0x00, 0x4E}, event, event}))},
         {0x0014, {0x70, 0x70, 0x05, 0xEF, 0xAF, 0x19, 0x40, 0x02}},
-        {0x0014, vq_test::withCrc(concat({{0x73, 0x70, 0x00, 0xEF, 0xAF, 0x19, 0x40, 0x02}, withLength(localTimeOffset)}))},
+        {0x0014,
+         vq_test::withCrc(concat({{0x73, 0x70, 0x00, 0xEF, 0xAF, 0x19, 0x40, 0x02}, withLength(localTimeOffset)}))},
     };
-    Bytes stream = concat({vq_test::makeSectionPacket(0x0000, 0, vq_test::makePatSection(1, 0x0100)),
-                           vq_test::makeSectionPacket(0x0100, 0, vq_test::makePmtSection(1, {{0x1B, 0x101}, {0x06, 0x102}},
-                                                                                        0x101, caDescriptor))});
+    Bytes stream =
+        concat({vq_test::makeSectionPacket(0x0000, 0, vq_test::makePatSection(1, 0x0100)),
+                vq_test::makeSectionPacket(
+                    0x0100, 0, vq_test::makePmtSection(1, {{0x1B, 0x101}, {0x06, 0x102}}, 0x101, caDescriptor))});
     uint8_t cc = 0;
     for (const auto& [pid, section] : sections) {
         addSection(corpus, "built-" + std::to_string(section[0]), section);
@@ -235,8 +238,8 @@ void addBuiltSections(Corpus& corpus) {
         corpus.add("descriptors", "built-loop" + std::to_string(n++), concat({{0x00}, loop}));
     const Bytes avail = {0x00, 0x08, 'C', 'U', 'E', 'I', 0x00, 0x00, 0x01, 0x2C};
     const Bytes dtmf = {0x01, 0x08, 'C', 'U', 'E', 'I', 0x32, 0x5F, '1', '2'};
-    const Bytes segmentation = {0x02, 0x11, 'C', 'U', 'E', 'I', 0x00, 0x00, 0x00, 0x01, 0x7F, 0xFF,
-                                0x00, 0x00, 0x29, 0x32, 0xE0, 0x00, 0x30, 0x01, 0x01};
+    const Bytes segmentation = {0x02, 0x11, 'C',  'U',  'E',  'I',  0x00, 0x00, 0x00, 0x01, 0x7F,
+                                0xFF, 0x00, 0x00, 0x29, 0x32, 0xE0, 0x00, 0x30, 0x01, 0x01};
     corpus.add("descriptors", "built-scte35", concat({{0x01}, avail, dtmf, segmentation}));
 }
 

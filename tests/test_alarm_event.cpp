@@ -15,18 +15,16 @@ namespace {
 using std::chrono::seconds;
 
 std::shared_ptr<vq_alarm_counter> makeCounter(seconds duration = seconds(5)) {
-    return std::make_shared<vq_alarm_counter>(duration, eAlarmRemuxerInputCC, vq_error_alarm,
-                                              "cam1", "CC error on PID 100", 0, 100);
+    return std::make_shared<vq_alarm_counter>(duration, eAlarmRemuxerInputCC, vq_error_alarm, "cam1",
+                                              "CC error on PID 100", 0, 100);
 }
 
 std::shared_ptr<vq_alarm_event> makeWatchdog(seconds duration = seconds(1)) {
-    return std::make_shared<vq_alarm_event>(duration, eAlarmASIInputSyncLost, vq_error_alarm,
-                                            "cam1", "Sync lost ", 0, 0);
+    return std::make_shared<vq_alarm_event>(duration, eAlarmASIInputSyncLost, vq_error_alarm, "cam1", "Sync lost ", 0,
+                                            0);
 }
 
-std::string utcNow() {
-    return VQSDK::toString("dd.MM.yyyy hh:mm:ss", std::time(nullptr), true);
-}
+std::string utcNow() { return VQSDK::toString("dd.MM.yyyy hh:mm:ss", std::time(nullptr), true); }
 
 // Lets a test put a known activation time into the record.
 class fixed_time_counter : public vq_alarm_counter {
@@ -100,19 +98,18 @@ TEST(AlarmHash, IsTheStringHashOfCodeLevelSourceAndDescription) {
 
 TEST(AlarmHash, SameIdentityGivesSameHashWhateverTheKindOrDuration) {
     const auto counter = makeCounter(seconds(5));
-    const auto watchdog = std::make_shared<vq_alarm_event>(seconds(1), eAlarmRemuxerInputCC,
-                                                           vq_error_alarm, "cam1",
+    const auto watchdog = std::make_shared<vq_alarm_event>(seconds(1), eAlarmRemuxerInputCC, vq_error_alarm, "cam1",
                                                            "CC error on PID 100", 7, 9);
     EXPECT_EQ(counter->hash(), watchdog->hash());
     EXPECT_EQ(makeCounter()->hash(), counter->hash());
-    const auto otherSource = std::make_shared<vq_alarm_counter>(
-        seconds(5), eAlarmRemuxerInputCC, vq_error_alarm, "cam2", "CC error on PID 100", 0, 100);
+    const auto otherSource = std::make_shared<vq_alarm_counter>(seconds(5), eAlarmRemuxerInputCC, vq_error_alarm,
+                                                                "cam2", "CC error on PID 100", 0, 100);
     EXPECT_NE(otherSource->hash(), counter->hash());
 }
 
 TEST(AlarmLogLine, ReadsAsTheDocumentedExample) {
-    const auto alarm = std::make_shared<fixed_time_counter>(
-        seconds(5), eAlarmRemuxerInputCC, vq_error_alarm, "cam1", "CC error on PID 100", 0, 100);
+    const auto alarm = std::make_shared<fixed_time_counter>(seconds(5), eAlarmRemuxerInputCC, vq_error_alarm, "cam1",
+                                                            "CC error on PID 100", 0, 100);
     alarm->event(7);
     alarm->set_reg_time("15.11.2026 19:40:02");
     EXPECT_EQ(alarm->get_log_message(),
@@ -185,9 +182,8 @@ TEST(AlarmWatchdog, FreshWatchdogIsQuiet) {
 }
 
 TEST(AlarmWatchdog, ResetRunsTheEventOfTheDerivedKind) {
-    const auto alarm = std::make_shared<counting_watchdog>(seconds(1), eAlarmASIInputNoInputData,
-                                                           vq_error_alarm, "cam1",
-                                                           "No input data ", 0, 0);
+    const auto alarm = std::make_shared<counting_watchdog>(seconds(1), eAlarmASIInputNoInputData, vq_error_alarm,
+                                                           "cam1", "No input data ", 0, 0);
     alarm->reset();
     EXPECT_EQ(alarm->events, 1);
     EXPECT_EQ(alarm->lastArgument, 0);

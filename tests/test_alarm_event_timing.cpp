@@ -21,13 +21,13 @@ using std::chrono::seconds;
 constexpr milliseconds kMargin{50};
 
 std::shared_ptr<vq_alarm_event> makeWatchdog(seconds duration) {
-    return std::make_shared<vq_alarm_event>(duration, eAlarmASIInputNoInputData, vq_error_alarm,
-                                            "cam1", "No input data ", 0, 0);
+    return std::make_shared<vq_alarm_event>(duration, eAlarmASIInputNoInputData, vq_error_alarm, "cam1",
+                                            "No input data ", 0, 0);
 }
 
 std::shared_ptr<vq_alarm_counter> makeCounter(seconds duration) {
-    return std::make_shared<vq_alarm_counter>(duration, eAlarmRemuxerInputCC, vq_error_alarm,
-                                              "cam1", "CC error on PID 100", 0, 100);
+    return std::make_shared<vq_alarm_counter>(duration, eAlarmRemuxerInputCC, vq_error_alarm, "cam1",
+                                              "CC error on PID 100", 0, 100);
 }
 
 }  // namespace

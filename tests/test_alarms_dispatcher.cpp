@@ -31,8 +31,8 @@ alarm_list alarmsOf(const std::vector<recording_alarm_manager::call>& calls, op 
 std::vector<std::string> describe(const std::vector<recording_alarm_manager::call>& calls) {
     std::vector<std::string> lines;
     for (const auto& call : calls)
-        lines.push_back((call.what == op::reg ? "reg " : "unreg ") + call.alarm->get_data().description +
-                        "/" + call.alarm->get_data().source);
+        lines.push_back((call.what == op::reg ? "reg " : "unreg ") + call.alarm->get_data().description + "/" +
+                        call.alarm->get_data().source);
     return lines;
 }
 
@@ -83,10 +83,9 @@ TEST_F(AlarmsDispatcher, SourceNameDefaultsToEmpty) {
 TEST_F(AlarmsDispatcher, InputAlarmsCarryTheirCodesTextsAndDurations) {
     const alarm_list inputs = startWithManager();
     ASSERT_EQ(inputs.size(), 3u);
-    const std::vector<std::string> expectedTexts = {"Sync lost ", "No raw input data ",
-                                                    "No input data "};
-    const std::vector<VQAlarmCode> expectedCodes = {
-        eAlarmASIInputSyncLost, eAlarmASIInputRawNoInputData, eAlarmASIInputNoInputData};
+    const std::vector<std::string> expectedTexts = {"Sync lost ", "No raw input data ", "No input data "};
+    const std::vector<VQAlarmCode> expectedCodes = {eAlarmASIInputSyncLost, eAlarmASIInputRawNoInputData,
+                                                    eAlarmASIInputNoInputData};
     for (size_t i = 0; i < inputs.size(); ++i) {
         const vq_alarm_data data = inputs[i]->get_data();
         EXPECT_EQ(data.description, expectedTexts[i]);
@@ -109,8 +108,8 @@ TEST_F(AlarmsDispatcher, PerPidAlarmsKeepTheDeliberateCrossingOfTeiAndScrambling
     dispatcher.scrambled_event(256);
     const alarm_list created = alarmsOf(manager.calls(), op::reg);
     ASSERT_EQ(created.size(), 3u);
-    const std::vector<std::string> expectedTexts = {
-        "CC error on PID 256", "Packet is scrambled on PID 256", "TEI error on PID 256"};
+    const std::vector<std::string> expectedTexts = {"CC error on PID 256", "Packet is scrambled on PID 256",
+                                                    "TEI error on PID 256"};
     const std::vector<VQAlarmCode> expectedCodes = {eAlarmRemuxerInputCC, eAlarmRemuxerInputScrambler,
                                                     eAlarmRemuxerInputTEI};
     for (size_t i = 0; i < created.size(); ++i) {
@@ -178,8 +177,8 @@ TEST_F(AlarmsDispatcher, StopUnregistersInputAlarmsTwiceAndEveryPidAlarmOnce) {
     EXPECT_TRUE(alarmsOf(calls, op::reg).empty());
     // Inputs in member order, then the PID maps (continuity, scrambling, TEI; by PID),
     // then the registry in hash order.
-    const alarm_list expected = concat(
-        concat(inputs, {pidAlarms[3], pidAlarms[1], pidAlarms[2], pidAlarms[0]}), sortedByHash(inputs));
+    const alarm_list expected =
+        concat(concat(inputs, {pidAlarms[3], pidAlarms[1], pidAlarms[2], pidAlarms[0]}), sortedByHash(inputs));
     EXPECT_EQ(descriptions(alarmsOf(calls, op::unreg)), descriptions(expected));
     EXPECT_EQ(alarmsOf(calls, op::unreg), expected);
     EXPECT_TRUE(manager.held().empty());
@@ -255,9 +254,9 @@ TEST_F(AlarmsDispatcher, SourceChangeWhileRegisteredRemovesTheOldAlarmsFromTheMa
     dispatcher.set_source_name("cam2");
     dispatcher.start();
     EXPECT_EQ(describe(second.calls()),
-              (std::vector<std::string>{"unreg Sync lost /cam1", "reg Sync lost /cam2",
-                                        "unreg No raw input data /cam1", "reg No raw input data /cam2",
-                                        "unreg No input data /cam1", "reg No input data /cam2"}));
+              (std::vector<std::string>{"unreg Sync lost /cam1", "reg Sync lost /cam2", "unreg No raw input data /cam1",
+                                        "reg No raw input data /cam2", "unreg No input data /cam1",
+                                        "reg No input data /cam2"}));
     EXPECT_EQ(second.held().size(), 3u);
 }
 
@@ -278,8 +277,7 @@ TEST_F(AlarmsDispatcher, ManagerAttachedAfterStartReceivesNothingUntilTheFlagIsC
     ASSERT_EQ(unregistered.size(), 7u);
     EXPECT_TRUE(alarmsOf(manager.calls(), op::reg).empty());
     const alarm_list inputs(unregistered.begin(), unregistered.begin() + 3);
-    EXPECT_EQ(descriptions(inputs),
-              (std::vector<std::string>{"Sync lost ", "No raw input data ", "No input data "}));
+    EXPECT_EQ(descriptions(inputs), (std::vector<std::string>{"Sync lost ", "No raw input data ", "No input data "}));
     EXPECT_EQ(unregistered[3]->get_data().description, "CC error on PID 5");
     EXPECT_EQ(alarm_list(unregistered.begin() + 4, unregistered.end()), sortedByHash(inputs));
 

@@ -21,8 +21,7 @@ TEST(AlarmsStress, EventsPollingAndManagerChangesRunTogether) {
     vq_test::recording_alarm_manager first;
     vq_test::recording_alarm_manager second;
     std::atomic<uint64_t> reportedLines{0};
-    vq_polling_alarm_manager polling(std::chrono::milliseconds(5),
-                                     [&](const std::string&) { ++reportedLines; });
+    vq_polling_alarm_manager polling(std::chrono::milliseconds(5), [&](const std::string&) { ++reportedLines; });
 
     vq_alarms_dispatcher dispatcher;
     dispatcher.set_source_name("stress");

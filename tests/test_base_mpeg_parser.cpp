@@ -104,9 +104,7 @@ public:
     std::vector<uint64_t> pcrs;
 };
 
-void append(Bytes& out, const Bytes& packet) {
-    out.insert(out.end(), packet.begin(), packet.end());
-}
+void append(Bytes& out, const Bytes& packet) { out.insert(out.end(), packet.begin(), packet.end()); }
 
 // A packet with an adaptation field of afLength bytes (flags byte, then the
 // given field bytes, then stuffing) and payload filling the rest.
@@ -139,8 +137,8 @@ Bytes payloadPacket(uint16_t pid, uint8_t cc, bool unitStart, uint8_t fill) {
 Bytes programStart(uint16_t pcrPid = 0x101, const Bytes& programDescriptors = {}) {
     Bytes out;
     append(out, makeSectionPacket(0, 0, makePatSection(1, 0x100)));
-    append(out, makeSectionPacket(0x100, 0, makePmtSection(1, {{0x02, 0x101}, {0x04, 0x102}}, pcrPid,
-                                                           programDescriptors)));
+    append(out,
+           makeSectionPacket(0x100, 0, makePmtSection(1, {{0x02, 0x101}, {0x04, 0x102}}, pcrPid, programDescriptors)));
     return out;
 }
 
@@ -408,8 +406,8 @@ TEST(BaseMpegParser, AdaptationFieldIsParsedAndPayloadShortened) {
     af.insert(af.end(), pcr.begin() + 1, pcr.end());
     Bytes opcr = pcrField(12345, 7);
     af.insert(af.end(), opcr.begin() + 1, opcr.end());
-    af.push_back(0xFD);                                   // splice_countdown -3
-    af.insert(af.end(), {2, 0xAA, 0xBB});                 // private data
+    af.push_back(0xFD);                                            // splice_countdown -3
+    af.insert(af.end(), {2, 0xAA, 0xBB});                          // private data
     af.insert(af.end(), {6, 0xDF, 0x81, 0x23, 0xC1, 0x23, 0x45});  // ltw, piecewise, no seamless
     Bytes packet = packetWithAdaptation(0x300, 0, 3, static_cast<uint8_t>(af.size() + 2), af);
     parser.feed(packet);
@@ -634,23 +632,23 @@ TEST(BaseMpegParser, SiTablesAreRoutedByPidAndTableId) {
     uint8_t cc[0x20] = {};
     auto put = [&](uint16_t pid, const Bytes& section) { append(data, makeSectionPacket(pid, cc[pid]++, section)); };
     const Bytes emptyLoops = {0xF0, 0x00, 0xF0, 0x00};
-    put(0x10, makeLongSection(0x40, 1, emptyLoops));                                 // NIT actual
-    put(0x10, makeLongSection(0x41, 2, emptyLoops));                                 // NIT other
-    put(0x10, makeLongSection(0x42, 2, emptyLoops));                                 // not a NIT id: ignored
-    put(0x11, makeLongSection(0x42, 1, {0x00, 0x01, 0xFF}));                         // SDT actual
-    put(0x11, makeLongSection(0x46, 1, {0x00, 0x01, 0xFF}));                         // SDT other
-    put(0x11, makeLongSection(0x4A, 1, emptyLoops));                                 // BAT
-    put(0x12, makeLongSection(0x4E, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x4E}));       // EIT p/f actual
-    put(0x12, makeLongSection(0x4F, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x4F}));       // EIT p/f other
-    put(0x12, makeLongSection(0x50, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x50}));       // EIT schedule actual
-    put(0x12, makeLongSection(0x6F, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x6F}));       // EIT schedule other
-    put(0x14, {0x70, 0x70, 0x05, 0xE5, 0x50, 0x12, 0x34, 0x56});                     // TDT
+    put(0x10, makeLongSection(0x40, 1, emptyLoops));                            // NIT actual
+    put(0x10, makeLongSection(0x41, 2, emptyLoops));                            // NIT other
+    put(0x10, makeLongSection(0x42, 2, emptyLoops));                            // not a NIT id: ignored
+    put(0x11, makeLongSection(0x42, 1, {0x00, 0x01, 0xFF}));                    // SDT actual
+    put(0x11, makeLongSection(0x46, 1, {0x00, 0x01, 0xFF}));                    // SDT other
+    put(0x11, makeLongSection(0x4A, 1, emptyLoops));                            // BAT
+    put(0x12, makeLongSection(0x4E, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x4E}));  // EIT p/f actual
+    put(0x12, makeLongSection(0x4F, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x4F}));  // EIT p/f other
+    put(0x12, makeLongSection(0x50, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x50}));  // EIT schedule actual
+    put(0x12, makeLongSection(0x6F, 1, {0x00, 0x01, 0x00, 0x01, 0x00, 0x6F}));  // EIT schedule other
+    put(0x14, {0x70, 0x70, 0x05, 0xE5, 0x50, 0x12, 0x34, 0x56});                // TDT
     Bytes tot = {0x73, 0xB0, 0x0B, 0xE5, 0x50, 0x12, 0x34, 0x56, 0xF0, 0x00};
     const uint32_t crc = crc32_mpeg2(tot.data(), tot.size());
     for (int shift = 24; shift >= 0; shift -= 8)
         tot.push_back(static_cast<uint8_t>(crc >> shift));
-    put(0x14, tot);                                                                  // TOT
-    put(0x02, makeLongSection(0x03, 0xFFFF, {}));                                    // TSDT
+    put(0x14, tot);                                // TOT
+    put(0x02, makeLongSection(0x03, 0xFFFF, {}));  // TSDT
     parser.feed(data);
     EXPECT_EQ(parser.tables, std::vector<std::string>({"NIT64", "NIT65", "SDT66", "SDT70", "BAT", "EIT78", "EIT79",
                                                        "EIT80", "EIT111", "TDT", "TOT", "TSDT"}));
@@ -874,10 +872,7 @@ TEST_P(RealCapture, AgreesWithTheIndependentAnalysis) {
     EXPECT_EQ(parser.pcrPids[expected.pmtPid], expected.pcrPid < 0 ? 0x1FFF : expected.pcrPid);
 }
 
-INSTANTIATE_TEST_SUITE_P(Captures, RealCapture,
-                         ::testing::Values("live-012", "live-025", "live-072", "live-139"),
-                         [](const ::testing::TestParamInfo<std::string>& info) {
-                             return info.param.substr(5);
-                         });
+INSTANTIATE_TEST_SUITE_P(Captures, RealCapture, ::testing::Values("live-012", "live-025", "live-072", "live-139"),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param.substr(5); });
 
 }  // namespace

@@ -31,8 +31,8 @@ const SectionBytes kCaLoop{0x09, 0x04, 0x0B, 0x00, 0xE1, 0x23, 0x09, 0x04, 0x18,
 
 // A TOT section: 1993-10-13 12:45:00 and a descriptor loop.
 SectionBytes totSection(const SectionBytes& loop) {
-    SectionBytes body{0x73, 0x70, 0x00, 0xC0, 0x79, 0x12, 0x45, 0x00,
-                      uint8_t(0xF0 | (loop.size() >> 8)), uint8_t(loop.size())};
+    SectionBytes body{
+        0x73, 0x70, 0x00, 0xC0, 0x79, 0x12, 0x45, 0x00, uint8_t(0xF0 | (loop.size() >> 8)), uint8_t(loop.size())};
     body.insert(body.end(), loop.begin(), loop.end());
     return withCrc(body);
 }

@@ -163,7 +163,7 @@ TEST(DescriptorList, UnknownTypeFailsWithoutReading) {
 
 TEST(DescriptorList, TagSpacesDifferForTheSameBytes) {
     const Bytes loop{0x01, 0x06, 'C', 'U', 'E', 'I', 0x10, 0x00, 0x8A, 0x01, 0x01,
-                     0x00, 0x08, 'C', 'U', 'E', 'I', 0, 0, 0, 7};
+                     0x00, 0x08, 'C', 'U', 'E', 'I', 0,    0,    0,    7};
     VQDescriptorList ts(e_ts_desc_type), scte(e_scte35_desc_type);
     ASSERT_TRUE(readLoop(ts, loop));
     ASSERT_TRUE(readLoop(scte, loop));

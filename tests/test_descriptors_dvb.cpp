@@ -16,13 +16,9 @@ using vq_test::writeDescriptor;
 
 namespace {
 
-std::string text(const void* bytes, size_t size) {
-    return std::string(static_cast<const char*>(bytes), size);
-}
+std::string text(const void* bytes, size_t size) { return std::string(static_cast<const char*>(bytes), size); }
 
-std::string text(const std::vector<uint8_t>& bytes) {
-    return std::string(bytes.begin(), bytes.end());
-}
+std::string text(const std::vector<uint8_t>& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 template <size_t N>
 void setText(unsigned char (&target)[N], const std::string& value) {
@@ -235,8 +231,8 @@ TEST(ExtendedEventDescriptor, RoundTripsItemsAndText) {
     d.items.push_back({0, {}, 1, {'x'}});
     d.text_length = 4;
     d.text_char = {'T', 'e', 'x', 't'};
-    auto back = roundTrip(d, {0x4E, 0x14, 0x12, 'd', 'e', 'u', 0x0A, 0x03, 'D', 'i', 'r', 0x02, 'M', 'e', 0x00, 0x01,
-                              'x', 0x04, 'T', 'e', 'x', 't'});
+    auto back = roundTrip(d, {0x4E, 0x14, 0x12, 'd',  'e',  'u', 0x0A, 0x03, 'D', 'i', 'r',
+                              0x02, 'M',  'e',  0x00, 0x01, 'x', 0x04, 'T',  'e', 'x', 't'});
     EXPECT_EQ(back.descriptor_number, 1);
     EXPECT_EQ(back.last_descriptor_number, 2);
     EXPECT_EQ(text(back.ISO_639_language_code, 3), "deu");
@@ -298,8 +294,8 @@ TEST(ParentalRatingDescriptor, ReadsEntriesToTheEndOfTheReaderThenFails) {
 TEST(ParentalRatingDescriptor, SwallowsTheRestOfTheLoopAndFailsIt) {
     VQDescriptorList list(e_ts_desc_type);
     uint64_t left = 9;
-    EXPECT_FALSE(readLoop(list, {0x52, 0x01, 0x03, 0x55, 0x04, 'D', 'E', 'U', 0x10, 0x52, 0x01, 0x04, 0x40, 0x01, 'N', 0x00},
-                          &left));
+    EXPECT_FALSE(readLoop(
+        list, {0x52, 0x01, 0x03, 0x55, 0x04, 'D', 'E', 'U', 0x10, 0x52, 0x01, 0x04, 0x40, 0x01, 'N', 0x00}, &left));
     ASSERT_EQ(list.descriptor.size(), 1u);
     EXPECT_EQ(list.descriptor.front()->descriptor_tag, 0x52);
     EXPECT_EQ(left, 0u);
@@ -482,9 +478,9 @@ TEST(LogicalChannelDescriptor, RoundTripsServices) {
 TEST(DvbDescriptors, CopyToMakesNewRecordsForSharedLists) {
     VQDescriptorList source(e_ts_desc_type);
     ASSERT_TRUE(readLoop(source, {0x45, 0x03, 0x01, 0x01, 0xAA,  //
-                                  0x58, 0x0D, 'D', 'E', 'U', 0x02, 0x01, 0x00, 0xE4, 0xC5, 0x02, 0x00, 0x00, 0x02, 0x00,
-                                  0x59, 0x08, 'e', 'n', 'g', 0x10, 0x00, 0x01, 0x00, 0x02,  //
-                                  0x4E, 0x0A, 0x00, 'e', 'n', 'g', 0x03, 0x00, 0x01, 'x', 0x01, 'y'}));
+                                  0x58, 0x0D, 'D',  'E',  'U',  0x02, 0x01, 0x00, 0xE4, 0xC5, 0x02, 0x00, 0x00,
+                                  0x02, 0x00, 0x59, 0x08, 'e',  'n',  'g',  0x10, 0x00, 0x01, 0x00, 0x02,  //
+                                  0x4E, 0x0A, 0x00, 'e',  'n',  'g',  0x03, 0x00, 0x01, 'x',  0x01, 'y'}));
     ASSERT_EQ(source.descriptor.size(), 4u);
     const Bytes before = vq_test::writeLoop(source);
     VQDescriptorList copy(e_ts_desc_type);

@@ -31,9 +31,7 @@ struct PmtLoops {
     std::vector<Bytes> streamBytes;
 };
 
-uint16_t length12(const Bytes& s, size_t at) {
-    return static_cast<uint16_t>(((s[at] & 0x0F) << 8) | s[at + 1]);
-}
+uint16_t length12(const Bytes& s, size_t at) { return static_cast<uint16_t>(((s[at] & 0x0F) << 8) | s[at + 1]); }
 
 // Walks the first PMT on `pid`: program_info at offset 12, then the
 // elementary streams up to the CRC.

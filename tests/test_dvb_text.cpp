@@ -24,6 +24,9 @@ std::string decode(const std::string& bytes) {
 
 }  // namespace
 
+// Byte strings are split after their hex escapes ("\xC2" "e") and kept one case a
+// line; the formatter would break them apart.
+// clang-format off
 TEST(DvbText, DefaultTableIsIso6937WithCombiningDiacritics) {
     EXPECT_EQ(decode("News"), "News");
     EXPECT_EQ(decode("\xC2" "e"), "\xC3\xA9");                 // acute + e: é
@@ -148,3 +151,4 @@ TEST(DvbText, EveryTwoByteBodyDecodesToPrintableText) {
         }
     }
 }
+// clang-format on

@@ -18,9 +18,7 @@ using vq_test::withCrc;
 namespace {
 
 // EIT p/f actual of service 0x0102 on ts 0x0304 / onid 0x0506, up to the event loop.
-SectionBytes eitHead() {
-    return {0x4E, 0xF0, 0x00, 0x01, 0x02, 0xC5, 0x00, 0x01, 0x03, 0x04, 0x05, 0x06, 0x01, 0x4F};
-}
+SectionBytes eitHead() { return {0x4E, 0xF0, 0x00, 0x01, 0x02, 0xC5, 0x00, 0x01, 0x03, 0x04, 0x05, 0x06, 0x01, 0x4F}; }
 
 void appendEvent(SectionBytes& body, uint16_t id, const SectionBytes& descriptors) {
     // 1993-10-13 12:45:00, 1:30:00, running, not scrambled.
@@ -126,7 +124,8 @@ TEST(EIT, RemainderBelowTwelveEndsTheLoop) {
         EXPECT_EQ(eit.eventInfo.size(), 1u) << int(extra);
         // The CRC field is read right after the last event, from the ignored bytes onwards.
         const size_t at = 14 + 12;
-        EXPECT_EQ(eit.CRC, uint32_t(section[at] << 24 | section[at + 1] << 16 | section[at + 2] << 8 | section[at + 3]));
+        EXPECT_EQ(eit.CRC,
+                  uint32_t(section[at] << 24 | section[at + 1] << 16 | section[at + 2] << 8 | section[at + 3]));
     }
 }
 

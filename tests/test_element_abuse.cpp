@@ -113,8 +113,7 @@ TEST(ElementAbuse, RandomStateTransitionsWithPropertyChanges) {
     {
         vq_element_test::init_gstreamer();
         // An asynchronous sink: the element is live, so no change waits for a preroll.
-        GstElement* bin =
-            gst_parse_launch("vqasicapture name=cap v4l2=/dev/video0 ! fakesink sync=false", nullptr);
+        GstElement* bin = gst_parse_launch("vqasicapture name=cap v4l2=/dev/video0 ! fakesink sync=false", nullptr);
         ASSERT_NE(bin, nullptr);
         GstElement* cap = gst_bin_get_by_name(GST_BIN(bin), "cap");
         ASSERT_NE(cap, nullptr);
@@ -297,7 +296,8 @@ TEST(ElementAbuse, UnlinkedPadPlaysWithoutCapturing) {
 TEST(ElementAbuse, PadUnlinkedAndRelinkedMidStream) {
     vqasisim_testing::scoped_env env(board());
     vq_element_test::init_gstreamer();
-    GstElement* bin = gst_parse_launch("vqasicapture name=cap v4l2=/dev/video0 ! fakesink name=sink sync=false", nullptr);
+    GstElement* bin =
+        gst_parse_launch("vqasicapture name=cap v4l2=/dev/video0 ! fakesink name=sink sync=false", nullptr);
     ASSERT_NE(bin, nullptr);
     GstElement* cap = gst_bin_get_by_name(GST_BIN(bin), "cap");
     GstElement* sink = gst_bin_get_by_name(GST_BIN(bin), "sink");

@@ -130,8 +130,8 @@ TEST(ElementAlarms, AnApplicationSeesTheInputAlarmsCcCountsRatesAndDroppedFrames
 
         // The data gap and the final silence raise the two data alarms twice more; the
         // receiver keeps its lock throughout, so the sync alarm stays cleared.
-        EXPECT_TRUE(wait_until([&] { return log.count("ALARM ", eAlarmASIInputNoInputData) == 3; },
-                               std::chrono::seconds(20)));
+        EXPECT_TRUE(
+            wait_until([&] { return log.count("ALARM ", eAlarmASIInputNoInputData) == 3; }, std::chrono::seconds(20)));
         EXPECT_TRUE(wait_until([&] { return log.count("ALARM ", eAlarmASIInputRawNoInputData) == 3; }));
         // Read before the stop, which resets the input alarms.
         for (const auto& alarm : manager.alarms())

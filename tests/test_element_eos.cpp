@@ -20,9 +20,9 @@
 
 namespace {
 
+using vq_element_test::count_handoff;
 using vq_element_test::pipeline;
 using vq_element_test::sim_settings;
-using vq_element_test::count_handoff;
 using vq_element_test::wait_until;
 
 constexpr size_t kBufferBytes = 7 * 188;

@@ -21,11 +21,11 @@
 namespace {
 
 using vq_element_test::bus_problems;
+using vq_element_test::count_handoff;
 using vq_element_test::items_of;
 using vq_element_test::pipeline;
 using vq_element_test::run_gst_launch;
 using vq_element_test::sim_settings;
-using vq_element_test::count_handoff;
 using vq_element_test::wait_until;
 
 // Plays `description` (its sink named "sink") for two seconds on the paced board and
@@ -53,8 +53,7 @@ size_t buffers_through(const std::string& description, const std::string& input 
 }
 
 TEST(ElementInterop, TsparseAcceptsTheCaps) {
-    EXPECT_GT(buffers_through("vqasicapture name=cap v4l2=/dev/video0 ! tsparse ! fakesink name=sink sync=false"),
-              50u);
+    EXPECT_GT(buffers_through("vqasicapture name=cap v4l2=/dev/video0 ! tsparse ! fakesink name=sink sync=false"), 50u);
 }
 
 TEST(ElementInterop, TsdemuxGivesVideoFrames) {

@@ -20,10 +20,10 @@
 namespace {
 
 using vq_element_test::bus_problems;
+using vq_element_test::count_handoff;
 using vq_element_test::pipeline;
 using vq_element_test::run_gst_launch;
 using vq_element_test::sim_settings;
-using vq_element_test::count_handoff;
 using vq_element_test::wait_until;
 
 // live-025's own rate, so the paced board plays it in real time.
@@ -61,8 +61,9 @@ TEST(ElementLive, LatencyIsOneFrameUpToEveryDeviceBuffer) {
 // no frame is still on its way when the two counts are compared.
 TEST(ElementLive, VideoPlaysInRealTimeThroughASynchronisingSink) {
     sim_settings sim({{"VQASISIM_INPUT", vq_test::dataPath("live-025.ts")}, {"VQASISIM_BITRATE", kLive025Rate}});
-    pipeline p("vqasicapture name=cap v4l2=/dev/video0 ! tsdemux ! mpegvideoparse name=parse ! "
-               "fakesink name=sink sync=true qos=true max-lateness=20000000 signal-handoffs=true");
+    pipeline p(
+        "vqasicapture name=cap v4l2=/dev/video0 ! tsdemux ! mpegvideoparse name=parse ! "
+        "fakesink name=sink sync=true qos=true max-lateness=20000000 signal-handoffs=true");
     ASSERT_NE(p.capture, nullptr);
     GstElement* sink = p.by_name("sink");
     GstElement* parse = p.by_name("parse");
@@ -79,9 +80,9 @@ TEST(ElementLive, VideoPlaysInRealTimeThroughASynchronisingSink) {
     GstBus* bus = gst_element_get_bus(p.bin);
     size_t droppedLate = 0;
     bool ended = false;
-    while (GstMessage* msg = gst_bus_timed_pop_filtered(
-               bus, 10 * GST_SECOND,
-               static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_QOS))) {
+    while (
+        GstMessage* msg = gst_bus_timed_pop_filtered(
+            bus, 10 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_QOS))) {
         const GstMessageType type = GST_MESSAGE_TYPE(msg);
         if (type == GST_MESSAGE_QOS) {
             guint64 processed = 0, dropped = 0;
@@ -115,8 +116,9 @@ TEST(ElementLive, VideoPlaysInRealTimeThroughASynchronisingSink) {
 // nearly every buffer comes late.) A loaded machine may delay a few frames.
 TEST(ElementLive, TransportStreamBuffersAreOnTimeInASynchronisingSink) {
     sim_settings sim({{"VQASISIM_INPUT", vq_test::dataPath("live-025.ts")}, {"VQASISIM_BITRATE", kLive025Rate}});
-    pipeline p("vqasicapture name=cap v4l2=/dev/video0 ! "
-               "fakesink name=sink sync=true qos=true max-lateness=20000000 signal-handoffs=true");
+    pipeline p(
+        "vqasicapture name=cap v4l2=/dev/video0 ! "
+        "fakesink name=sink sync=true qos=true max-lateness=20000000 signal-handoffs=true");
     ASSERT_NE(p.capture, nullptr);
     GstElement* sink = p.by_name("sink");
     std::atomic<size_t> rendered{0};
@@ -166,8 +168,8 @@ TEST(ElementLive, ABoardThatDisappearsIsWarnedOnce) {
     for (const std::string& line : problems.take())
         lines.push_back(line);
     ASSERT_EQ(lines.size(), 1u);
-    const std::string expected = std::string(g_quark_to_string(GST_RESOURCE_ERROR)) + " " +
-                                 std::to_string(GST_RESOURCE_ERROR_READ) + ": ";
+    const std::string expected =
+        std::string(g_quark_to_string(GST_RESOURCE_ERROR)) + " " + std::to_string(GST_RESOURCE_ERROR_READ) + ": ";
     EXPECT_EQ(lines[0].rfind(expected, 0), 0u) << lines[0];
     EXPECT_NE(lines[0].find(g_strerror(ENODEV)), std::string::npos) << lines[0];
     gst_element_set_state(p.bin, GST_STATE_NULL);

@@ -83,6 +83,7 @@ public:
         }
         return out;
     }
+
 private:
     GstBus* m_bus;
     std::vector<GstStructure*> m_all;
@@ -131,8 +132,8 @@ std::map<std::string, std::vector<transition>> play_scripted(vq_i_alarm_manager*
         g_object_set(p.capture, "alarm-manager", manager, nullptr);
     alarm_messages messages(p.bin);
     EXPECT_NE(gst_element_set_state(p.bin, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
-    EXPECT_TRUE(wait_until([&] { return messages.count(eAlarmASIInputNoInputData, true) == 2; },
-                           std::chrono::seconds(20)));
+    EXPECT_TRUE(
+        wait_until([&] { return messages.count(eAlarmASIInputNoInputData, true) == 2; }, std::chrono::seconds(20)));
     // A last poll of the manager sees the same state before the stop withdraws the alarms.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     gst_element_set_state(p.bin, GST_STATE_NULL);

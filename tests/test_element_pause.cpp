@@ -76,7 +76,8 @@ double timed_set_state(GstElement* element, GstState state) {
     const auto t0 = std::chrono::steady_clock::now();
     auto change = std::async(std::launch::async, [=] { return gst_element_set_state(element, state); });
     if (change.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
-        std::fprintf(stderr, "FATAL: the change to %s has not returned within 10 s\n", gst_element_state_get_name(state));
+        std::fprintf(stderr, "FATAL: the change to %s has not returned within 10 s\n",
+                     gst_element_state_get_name(state));
         std::fflush(stderr);
         std::abort();
     }
@@ -197,8 +198,8 @@ TEST(ElementPause, AThreadLeftInItsPushSendsNothingOnThePadOfTheNextStart) {
     ASSERT_NE(p.capture, nullptr);
     GstElement* sink = p.by_name("sink");
     EXPECT_LT(timed_set_state(p.bin, GST_STATE_PLAYING), 1.0);
-    EXPECT_TRUE(vq_element_test::wait_until(
-        [&] { return vq_element_test::item_number(p.capture, "Data counter") > 0; }));
+    EXPECT_TRUE(
+        vq_element_test::wait_until([&] { return vq_element_test::item_number(p.capture, "Data counter") > 0; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     // The queue of one buffer holds the capture thread in its push; the element alone
     // stops, goes down to READY (its pad inactive) and back to PAUSED (active again).

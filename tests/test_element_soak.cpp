@@ -197,8 +197,8 @@ public:
     unsigned count(const char* prefix, int code) const {
         std::lock_guard<std::mutex> lock(m_cs);
         const std::string head = std::string(prefix) + "code=" + std::to_string(code) + ",";
-        return unsigned(std::count_if(m_lines.begin(), m_lines.end(),
-                                      [&](const std::string& l) { return l.rfind(head, 0) == 0; }));
+        return unsigned(
+            std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& l) { return l.rfind(head, 0) == 0; }));
     }
 
 private:
@@ -210,14 +210,15 @@ private:
 // leave the suite hanging until the test driver's time-out.
 class deadlock_guard {
 public:
-    deadlock_guard(const char* what, std::chrono::seconds limit) : m_thread([this, what, limit] {
-        std::unique_lock<std::mutex> lock(m_cs);
-        if (!m_done.wait_for(lock, limit, [this] { return m_finished; })) {
-            std::fprintf(stderr, "deadlock: %s did not finish within %lld s\n", what,
-                         static_cast<long long>(limit.count()));
-            std::abort();
-        }
-    }) {}
+    deadlock_guard(const char* what, std::chrono::seconds limit)
+        : m_thread([this, what, limit] {
+              std::unique_lock<std::mutex> lock(m_cs);
+              if (!m_done.wait_for(lock, limit, [this] { return m_finished; })) {
+                  std::fprintf(stderr, "deadlock: %s did not finish within %lld s\n", what,
+                               static_cast<long long>(limit.count()));
+                  std::abort();
+              }
+          }) {}
     ~deadlock_guard() {
         {
             std::lock_guard<std::mutex> lock(m_cs);
@@ -243,9 +244,9 @@ struct soak_figures {
 
 struct soak_setup {
     int inputType = 0;
-    std::string input;     // file the board plays
+    std::string input;              // file the board plays
     std::vector<uint8_t> expected;  // packets the output must follow, in a loop
-    size_t window = 64;    // packets a loss may skip before it counts as a resynchronisation
+    size_t window = 64;             // packets a loss may skip before it counts as a resynchronisation
 };
 
 void run_soak(const soak_setup& setup) {
@@ -255,17 +256,17 @@ void run_soak(const soak_setup& setup) {
     const std::string summaryFile = vqasisim_testing::test_summary_file();
     std::remove(summaryFile.c_str());
 
-    vqasisim_testing::scoped_env env({{"VQASISIM_DEVICE", kDevice},
-                                      {"VQASISIM_INPUT", vq_test::dataPath(setup.input)},
-                                      {"VQASISIM_BITRATE", std::to_string(soak_bitrate())},
-                                      {"VQASISIM_SIGNAL", kSignalScript},
-                                      {"VQASISIM_DATA_GAP", kDataGap},
-                                      {"VQASISIM_PACKET_SIZE", kPacketSizes},
-                                      {"VQASISIM_SEQ_GAP", kSeqGap},
-                                      {"VQASISIM_GARBAGE", std::to_string(packetsPerSecond * 3) + ":" +
-                                                               std::to_string(kBurstBytes)},
-                                      {"VQASISIM_CC_ERRORS", std::to_string(packetsPerSecond)},
-                                      {"VQASISIM_SUMMARY", summaryFile}});
+    vqasisim_testing::scoped_env env(
+        {{"VQASISIM_DEVICE", kDevice},
+         {"VQASISIM_INPUT", vq_test::dataPath(setup.input)},
+         {"VQASISIM_BITRATE", std::to_string(soak_bitrate())},
+         {"VQASISIM_SIGNAL", kSignalScript},
+         {"VQASISIM_DATA_GAP", kDataGap},
+         {"VQASISIM_PACKET_SIZE", kPacketSizes},
+         {"VQASISIM_SEQ_GAP", kSeqGap},
+         {"VQASISIM_GARBAGE", std::to_string(packetsPerSecond * 3) + ":" + std::to_string(kBurstBytes)},
+         {"VQASISIM_CC_ERRORS", std::to_string(packetsPerSecond)},
+         {"VQASISIM_SUMMARY", summaryFile}});
 
     order_checker checker(setup.expected, setup.window);
     alarm_log alarms;
@@ -278,8 +279,8 @@ void run_soak(const soak_setup& setup) {
                                          [&alarms](const std::string& line) { alarms.add(line); });
         vq_element_test::init_gstreamer();
         GstElement* bin = gst_parse_launch(
-            ("vqasicapture name=cap v4l2=" + std::string(kDevice) + " input_type=" +
-             std::to_string(setup.inputType) + " plp=102 alarm-source-name=soak ! fakesink sync=false")
+            ("vqasicapture name=cap v4l2=" + std::string(kDevice) + " input_type=" + std::to_string(setup.inputType) +
+             " plp=102 alarm-source-name=soak ! fakesink sync=false")
                 .c_str(),
             nullptr);
         ASSERT_NE(bin, nullptr);
@@ -321,8 +322,8 @@ void run_soak(const soak_setup& setup) {
             }
         });
 
-        std::this_thread::sleep_until(started + std::chrono::duration_cast<steady::duration>(
-                                                    std::chrono::duration<double>(runSeconds)));
+        std::this_thread::sleep_until(
+            started + std::chrono::duration_cast<steady::duration>(std::chrono::duration<double>(runSeconds)));
         for (const auto& alarm : manager.alarms()) {
             const vq_alarm_data d = alarm->get_data();
             if (d.code == eAlarmRemuxerInputCC)
@@ -377,13 +378,12 @@ void run_soak(const soak_setup& setup) {
         (unsigned long long)served.number("overruns"), (unsigned long long)served.number("garbage_insertions"),
         (unsigned long long)served.number("garbage_bytes"), (unsigned long long)served.number("packet_size_switches"),
         (unsigned long long)served.number("cc_errors"), (unsigned long long)served.number("loops"),
-        (unsigned long long)checker.packets, (unsigned long long)checker.skipped,
-        (unsigned long long)checker.resyncs, (unsigned long long)checker.unmatched, perPidCounts.size(),
-        (unsigned long long)ccTotal, ccAlarms, alarms.count("ALARM ", eAlarmASIInputSyncLost),
-        alarms.count("CLEAR ", eAlarmASIInputSyncLost), alarms.count("ALARM ", eAlarmASIInputRawNoInputData),
-        alarms.count("CLEAR ", eAlarmASIInputRawNoInputData), alarms.count("ALARM ", eAlarmASIInputNoInputData),
-        alarms.count("CLEAR ", eAlarmASIInputNoInputData), double(fig.rssWarm) / 1048576.0,
-        double(fig.rssEnd) / 1048576.0, double(fig.rssMax) / 1048576.0,
+        (unsigned long long)checker.packets, (unsigned long long)checker.skipped, (unsigned long long)checker.resyncs,
+        (unsigned long long)checker.unmatched, perPidCounts.size(), (unsigned long long)ccTotal, ccAlarms,
+        alarms.count("ALARM ", eAlarmASIInputSyncLost), alarms.count("CLEAR ", eAlarmASIInputSyncLost),
+        alarms.count("ALARM ", eAlarmASIInputRawNoInputData), alarms.count("CLEAR ", eAlarmASIInputRawNoInputData),
+        alarms.count("ALARM ", eAlarmASIInputNoInputData), alarms.count("CLEAR ", eAlarmASIInputNoInputData),
+        double(fig.rssWarm) / 1048576.0, double(fig.rssEnd) / 1048576.0, double(fig.rssMax) / 1048576.0,
         (unsigned long long)fig.statisticsReads);
     for (const std::string& note : checker.notes)
         std::printf("[ soak ] %s\n", note.c_str());
@@ -472,16 +472,13 @@ void run_soak(const soak_setup& setup) {
     EXPECT_EQ(alarms.count("CLEAR ", eAlarmASIInputRawNoInputData), kNoInputPerRound * rounds);
     EXPECT_EQ(alarms.count("ALARM ", eAlarmASIInputNoInputData), kNoInputPerRound * rounds);
     EXPECT_EQ(alarms.count("CLEAR ", eAlarmASIInputNoInputData), kNoInputPerRound * rounds);
-
 }
 
 TEST(ElementSoak, TransportStreamAtFullRateUnderFaults) {
     run_soak({0, "live-025.ts", vq_test::readDataFile("live-025.ts"), 64});
 }
 
-TEST(ElementSoak, T2miAtFullRateUnderFaults) {
-    run_soak({1, "t2mi-plp102.ts", t2mi_pass("t2mi-plp102.ts", 102), 512});
-}
+TEST(ElementSoak, T2miAtFullRateUnderFaults) { run_soak({1, "t2mi-plp102.ts", t2mi_pass("t2mi-plp102.ts", 102), 512}); }
 
 }  // namespace
 

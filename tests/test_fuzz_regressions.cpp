@@ -65,9 +65,7 @@ TEST_P(FuzzReplay, SeedCorpusPassesTheHarness) {
     replay(target(), seeds);
 }
 
-TEST_P(FuzzReplay, KeptFindingsPassTheHarness) {
-    replay(target(), inputsIn(kRegressionDir / GetParam()));
-}
+TEST_P(FuzzReplay, KeptFindingsPassTheHarness) { replay(target(), inputsIn(kRegressionDir / GetParam())); }
 
 TEST_P(FuzzReplay, EmptyAndTinyInputsPass) {
     const uint8_t bytes[4] = {0xFF, 0x47, 0x00, 0x10};

@@ -295,15 +295,17 @@ struct Chunk {
 
 TEST(MpegTsAccum, RegroupsBytesIntoChunksWithInterpolatedTimes) {
     std::vector<Chunk> chunks;
-    vq_mpegts_accum accum([&](unsigned long t, unsigned char* p, unsigned long n) {
-        chunks.push_back({t, std::vector<uint8_t>(p, p + n)});
-    }, 100);
+    vq_mpegts_accum accum(
+        [&](unsigned long t, unsigned char* p, unsigned long n) {
+            chunks.push_back({t, std::vector<uint8_t>(p, p + n)});
+        },
+        100);
     std::vector<uint8_t> data(1000);
     for (size_t i = 0; i < data.size(); ++i)
         data[i] = static_cast<uint8_t>(i);
-    accum.push_data(0, 250, data.data(), 250);              // 2 chunks, 50 held
-    accum.push_data(1000, 1030, data.data() + 250, 30);     // still held: 80
-    accum.push_data(2000, 2720, data.data() + 280, 720);    // completes 1, then 7 whole
+    accum.push_data(0, 250, data.data(), 250);            // 2 chunks, 50 held
+    accum.push_data(1000, 1030, data.data() + 250, 30);   // still held: 80
+    accum.push_data(2000, 2720, data.data() + 280, 720);  // completes 1, then 7 whole
     ASSERT_EQ(chunks.size(), 10u);
     for (size_t i = 0; i < chunks.size(); ++i)
         EXPECT_EQ(chunks[i].bytes, std::vector<uint8_t>(data.begin() + i * 100, data.begin() + (i + 1) * 100));
@@ -323,9 +325,11 @@ TEST(MpegTsAccum, SizeToTimeUsesAWideProduct) {
 
 TEST(MpegTsAccum, ResetForgetsHeldBytes) {
     std::vector<Chunk> chunks;
-    vq_mpegts_accum accum([&](unsigned long t, unsigned char* p, unsigned long n) {
-        chunks.push_back({t, std::vector<uint8_t>(p, p + n)});
-    }, 4);
+    vq_mpegts_accum accum(
+        [&](unsigned long t, unsigned char* p, unsigned long n) {
+            chunks.push_back({t, std::vector<uint8_t>(p, p + n)});
+        },
+        4);
     uint8_t a[3] = {1, 2, 3}, b[4] = {5, 6, 7, 8};
     accum.push_data(0, 10, a, 3);
     accum.reset();

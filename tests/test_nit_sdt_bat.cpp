@@ -39,8 +39,8 @@ SectionBytes networkSection(uint8_t tableId, const SectionBytes& first, const st
     body.insert(body.end(), first.begin(), first.end());
     SectionBytes loop;
     for (const auto& stream : streams) {
-        loop.insert(loop.end(), {uint8_t(stream.tsid >> 8), uint8_t(stream.tsid), uint8_t(stream.onid >> 8),
-                                 uint8_t(stream.onid)});
+        loop.insert(loop.end(),
+                    {uint8_t(stream.tsid >> 8), uint8_t(stream.tsid), uint8_t(stream.onid >> 8), uint8_t(stream.onid)});
         append12(loop, uint16_t(stream.descriptors.size()));
         loop.insert(loop.end(), stream.descriptors.begin(), stream.descriptors.end());
     }
@@ -79,8 +79,8 @@ const SectionBytes kServiceList{0x41, 0x06, 0x00, 0x01, 0x01, 0x00, 0x02, 0x02};
 
 TEST(NIT, ReadsNetworkAndTransportStreams) {
     CNIT nit(nullptr, 1024);
-    ASSERT_TRUE(readTable(nit, networkSection(0x40, {0x40, 0x03, 'N', 'e', 't'},
-                                              {{1, 0x55, kServiceList}, {2, 0x55, {}}})));
+    ASSERT_TRUE(
+        readTable(nit, networkSection(0x40, {0x40, 0x03, 'N', 'e', 't'}, {{1, 0x55, kServiceList}, {2, 0x55, {}}})));
     EXPECT_EQ(nit.network_id, 0x0100);
     EXPECT_EQ(nit.version_number, 3);
     EXPECT_EQ(nit.reserved_future_use, 0xF);
@@ -138,8 +138,8 @@ TEST(NIT, AlteredLastCrcByteFails) {
 // 5 or less (no entries), leaving 2 bytes for the 32-bit CRC field.
 SectionBytes sectionEndingAfterFirstLoop(uint8_t tableId) {
     for (unsigned id = 0; id <= 0xFFFF; ++id) {
-        SectionBytes section = withCrc({tableId, 0xF0, 0x00, uint8_t(id >> 8), uint8_t(id), 0xC1, 0x00, 0x00, 0xF0,
-                                        0x00});
+        SectionBytes section =
+            withCrc({tableId, 0xF0, 0x00, uint8_t(id >> 8), uint8_t(id), 0xC1, 0x00, 0x00, 0xF0, 0x00});
         if ((((section[10] & 0x0F) << 8) | section[11]) <= 5)
             return section;
     }

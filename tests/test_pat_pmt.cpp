@@ -30,8 +30,18 @@ SectionBytes patSection(std::vector<std::pair<uint16_t, uint16_t>> programs, uin
 
 // A PMT body up to the program_info_length field (program 1, PCR PID 0x100).
 SectionBytes pmtHead(uint16_t programInfoLength) {
-    return {0x02, 0xB0, 0x00, 0x00, 0x01, 0xC3, 0x00, 0x00, 0xE1, 0x00,
-            uint8_t(0xF0 | (programInfoLength >> 8)), uint8_t(programInfoLength)};
+    return {0x02,
+            0xB0,
+            0x00,
+            0x00,
+            0x01,
+            0xC3,
+            0x00,
+            0x00,
+            0xE1,
+            0x00,
+            uint8_t(0xF0 | (programInfoLength >> 8)),
+            uint8_t(programInfoLength)};
 }
 
 void appendStream(SectionBytes& body, uint8_t type, uint16_t pid, const SectionBytes& descriptors) {

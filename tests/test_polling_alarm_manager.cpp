@@ -41,8 +41,8 @@ private:
 };
 
 std::shared_ptr<vq_alarm_counter> makeCounter(seconds duration) {
-    return std::make_shared<vq_alarm_counter>(duration, eAlarmRemuxerInputCC, vq_error_alarm,
-                                              "cam1", "CC error on PID 100", 0, 100);
+    return std::make_shared<vq_alarm_counter>(duration, eAlarmRemuxerInputCC, vq_error_alarm, "cam1",
+                                              "CC error on PID 100", 0, 100);
 }
 
 }  // namespace
@@ -103,8 +103,8 @@ TEST(PollingAlarmManager, UnregisteringForgetsTheAlarmAndAcceptsUnknownOnes) {
 TEST(PollingAlarmManager, WatchdogActivationIsReported) {
     line_collector lines;
     vq_polling_alarm_manager manager(milliseconds(10), lines.sink());
-    const auto watchdog = std::make_shared<vq_alarm_event>(seconds(0), eAlarmASIInputNoInputData,
-                                                           vq_error_alarm, "cam1", "No input data ", 0, 0);
+    const auto watchdog = std::make_shared<vq_alarm_event>(seconds(0), eAlarmASIInputNoInputData, vq_error_alarm,
+                                                           "cam1", "No input data ", 0, 0);
     manager.reg_alarm(watchdog);
     const auto seen = lines.wait_for(1);
     ASSERT_EQ(seen.size(), 1u);

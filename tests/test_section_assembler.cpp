@@ -20,13 +20,24 @@ namespace {
 
 // An EIT present/following section of service sid, `size` bytes in all.
 SectionBytes eitSection(uint16_t sid, size_t size) {
-    SectionBytes body = {0x4E, 0xF0, 0, static_cast<uint8_t>(sid >> 8), static_cast<uint8_t>(sid), 0xC1, 0, 1,
-                         0x00, 0x01, 0x00, 0x01, 1, 0x4E};
+    SectionBytes body = {
+        0x4E, 0xF0, 0,   static_cast<uint8_t>(sid >> 8), static_cast<uint8_t>(sid), 0xC1, 0, 1, 0x00, 0x01, 0x00,
+        0x01, 1,    0x4E};
     if (size > body.size() + 4 + 14) {
         // One event whose descriptor loop is one private descriptor.
         const size_t loop = size - body.size() - 4 - 12;
-        const uint8_t event[] = {0x00, 0x01, 0xE9, 0x3C, 0x12, 0x00, 0x00, 0x01, 0x00, 0x00,
-                                 static_cast<uint8_t>(0x80 | (loop >> 8)), static_cast<uint8_t>(loop)};
+        const uint8_t event[] = {0x00,
+                                 0x01,
+                                 0xE9,
+                                 0x3C,
+                                 0x12,
+                                 0x00,
+                                 0x00,
+                                 0x01,
+                                 0x00,
+                                 0x00,
+                                 static_cast<uint8_t>(0x80 | (loop >> 8)),
+                                 static_cast<uint8_t>(loop)};
         body.insert(body.end(), std::begin(event), std::end(event));
         body.push_back(0x80);
         body.push_back(static_cast<uint8_t>(loop - 2));
@@ -39,9 +50,8 @@ SectionBytes eitSection(uint16_t sid, size_t size) {
 class collecting_parser : public CBaseMpegParser {
 public:
     collecting_parser()
-        : CBaseMpegParser(true), m_sections([this](uint16_t, const unsigned char* s, size_t n) {
-              sections.emplace_back(s, s + n);
-          }) {}
+        : CBaseMpegParser(true),
+          m_sections([this](uint16_t, const unsigned char* s, size_t n) { sections.emplace_back(s, s + n); }) {}
     int OnProcess(unsigned int, transport_packet& packet) override {
         if (packet.PID == 0x12)
             m_sections.push_packet(packet);

@@ -320,8 +320,7 @@ TEST(Simulator, PacketsOf204BytesCarrySixteenExtraBytes) {
     std::string file = summary_file();
     std::vector<uint8_t> served;
     {
-        scoped_env env(
-            settings({{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_PACKET_SIZE", "204"}}));
+        scoped_env env(settings({{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_PACKET_SIZE", "204"}}));
         client c;
         ASSERT_TRUE(c.start());
         served = concat(c.take(25));
@@ -383,9 +382,8 @@ TEST(Simulator, SequenceGapsAndEmptyFramesWhereTheSummarySays) {
     std::string file = summary_file();
     std::vector<frame_record> frames;
     {
-        scoped_env env(settings({{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)},
-                                 {"VQASISIM_SEQ_GAP", "5:2"},
-                                 {"VQASISIM_EMPTY", "4:1"}}));
+        scoped_env env(settings(
+            {{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_SEQ_GAP", "5:2"}, {"VQASISIM_EMPTY", "4:1"}}));
         client c;
         ASSERT_TRUE(c.start());
         frames = c.take(20);
@@ -698,8 +696,8 @@ TEST(Simulator, PacketSizeScriptSwitchesBetween188And204) {
     std::string file = summary_file();
     std::vector<uint8_t> served;
     {
-        scoped_env env(settings(
-            {{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_PACKET_SIZE", "188:0.25,204:0.25"}}));
+        scoped_env env(
+            settings({{"VQASISIM_FRAME_SIZE", std::to_string(kFrame)}, {"VQASISIM_PACKET_SIZE", "188:0.25,204:0.25"}}));
         client c;
         ASSERT_TRUE(c.start(4));
         // Fast pacing serves a frame per request: spread the requests over 1.2 s.
@@ -747,9 +745,8 @@ TEST(Simulator, DataGapsStopFramesUnderAGoodSignal) {
     uint64_t afterOpen = 0;
     size_t failedQueries = 0;
     {
-        scoped_env env(settings({{"VQASISIM_PACING", "realtime"},
-                                 {"VQASISIM_FRAME_SIZE", "1880"},
-                                 {"VQASISIM_DATA_GAP", "0.3:0.3"}}));
+        scoped_env env(settings(
+            {{"VQASISIM_PACING", "realtime"}, {"VQASISIM_FRAME_SIZE", "1880"}, {"VQASISIM_DATA_GAP", "0.3:0.3"}}));
         client c;
         afterOpen = monotonic_ns();
         ASSERT_TRUE(c.start());
@@ -789,9 +786,8 @@ TEST(Simulator, DataGapsStopFramesUnderAGoodSignal) {
 TEST(Simulator, RemovedDeviceFailsWithNoDevice) {
     std::string file = summary_file();
     {
-        scoped_env env(settings({{"VQASISIM_PACING", "realtime"},
-                                 {"VQASISIM_FRAME_SIZE", "1880"},
-                                 {"VQASISIM_REMOVE_AFTER", "0.3"}}));
+        scoped_env env(settings(
+            {{"VQASISIM_PACING", "realtime"}, {"VQASISIM_FRAME_SIZE", "1880"}, {"VQASISIM_REMOVE_AFTER", "0.3"}}));
         client c;
         ASSERT_TRUE(c.start(4));
         const uint64_t start = monotonic_ns();

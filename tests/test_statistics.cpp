@@ -91,8 +91,8 @@ TEST(AsiStatistics, SystemTimeBeyondThreeDigitHoursIsNotCut) {
 TEST(AsiStatistics, SignalStateTexts) {
     vq_asi_statistics statistics;
     const std::vector<std::pair<vq_signal_state, std::string>> states = {
-        {vq_ok, "Ok"},         {vq_no_data, "No data"}, {vq_no_link, "No link"},
-        {vq_no_lock, "No lock"}, {vq_range, "No range"}, {vq_unknown, "Unknown"},
+        {vq_ok, "Ok"},           {vq_no_data, "No data"}, {vq_no_link, "No link"},
+        {vq_no_lock, "No lock"}, {vq_range, "No range"},  {vq_unknown, "Unknown"},
     };
     for (const auto& state : states) {
         statistics.asi().set_signal_state(state.first);

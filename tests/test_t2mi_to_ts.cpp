@@ -191,8 +191,8 @@ TEST(T2MIToTS, PartialOf100JoinsASecondFrameWithSyncd87) {
     Bytes first = sequence(kUP + 100, 0);   // one packet, then 100 bytes of the next
     Bytes second = sequence(87 + kUP, 50);  // its last 87 bytes, then one more packet
     Decapsulator d(0);
-    d.feed(carrierOf({makeBBFramePacket(frameOf(0, first, 0), 0, {}),
-                      makeBBFramePacket(frameOf(0, second, 87 * 8), 1, {})}));
+    d.feed(carrierOf(
+        {makeBBFramePacket(frameOf(0, first, 0), 0, {}), makeBBFramePacket(frameOf(0, second, 87 * 8), 1, {})}));
     ASSERT_EQ(d.packets(), 3u);
     Bytes joined(first.begin() + kUP, first.end());
     joined.insert(joined.end(), second.begin(), second.begin() + 87);
@@ -204,8 +204,8 @@ TEST(T2MIToTS, PartialOf90DoesNotJoinSyncd87) {
     Bytes first = sequence(kUP + 90, 0);
     Bytes second = sequence(87 + kUP, 50);
     Decapsulator d(0);
-    d.feed(carrierOf({makeBBFramePacket(frameOf(0, first, 0), 0, {}),
-                      makeBBFramePacket(frameOf(0, second, 87 * 8), 1, {})}));
+    d.feed(carrierOf(
+        {makeBBFramePacket(frameOf(0, first, 0), 0, {}), makeBBFramePacket(frameOf(0, second, 87 * 8), 1, {})}));
     ASSERT_EQ(d.packets(), 2u);
     EXPECT_EQ(Bytes(d.out.begin() + kUP, d.out.end()), Bytes(second.begin() + 87, second.end()));
 }
@@ -223,8 +223,8 @@ TEST(T2MIToTS, Syncd187WithAPartialHeldEmitsNoJoin) {
     Bytes first = sequence(kUP + 100, 0);
     const Bytes second = sequence(kUP * 2, 10);
     Decapsulator d(0);
-    d.feed(carrierOf({makeBBFramePacket(frameOf(0, first, 0), 0, {}),
-                      makeBBFramePacket(frameOf(0, second, kUP * 8), 1, {})}));
+    d.feed(carrierOf(
+        {makeBBFramePacket(frameOf(0, first, 0), 0, {}), makeBBFramePacket(frameOf(0, second, kUP * 8), 1, {})}));
     ASSERT_EQ(d.packets(), 2u);  // 100 + 187 is not 187
     EXPECT_EQ(Bytes(d.out.begin() + kUP, d.out.end()), Bytes(second.begin() + kUP, second.end()));
 }
@@ -277,7 +277,7 @@ namespace {
 struct AlignedPlp {
     Bytes ts = capturePackets("live-072.ts", 120);
     static constexpr size_t perFrame = 6;
-    std::vector<Bytes> t2mi = encapsulate({{0, ts, kUP * perFrame}}, {});
+    std::vector<Bytes> t2mi = encapsulate({{0, ts, kUP* perFrame}}, {});
     size_t frames() const { return t2mi.size(); }
     // Every user packet except those of the given frames.
     Bytes without(std::vector<size_t> lost) const {
@@ -376,7 +376,7 @@ TEST(T2MIToTS, PlpSwitchMidStreamTakesEffectAtTheNextFrame) {
             self.SetPLPID(5);
     };
     d.feed(carrierOf(t2mi));
-    const size_t aPackets = (switchAfter + 1) * dflA / kUP;  // complete within the frames taken
+    const size_t aPackets = (switchAfter + 1) * dflA / kUP;      // complete within the frames taken
     const size_t bFirst = (switchAfter * dflB + kUP - 1) / kUP;  // first packet starting in frame 10 of PLP 5
     Bytes expected = userPacketRange(a, 0, aPackets);
     const Bytes restOfB = userPacketRange(b, bFirst, b.size() / 188);
@@ -428,8 +428,8 @@ TEST(T2MIToTS, ClearForgetsCollectionAndPartials) {
     CarrierTsOptions noFlush;
     noFlush.flushAtEnd = false;
     Decapsulator d(0);
-    d.feed(carrierOf({makeBBFramePacket(frameOf(0, first, 0), 0, {}),
-                      makeBBFramePacket(frameOf(0, first, 0), 1, {})}, noFlush));
+    d.feed(carrierOf({makeBBFramePacket(frameOf(0, first, 0), 0, {}), makeBBFramePacket(frameOf(0, first, 0), 1, {})},
+                     noFlush));
     EXPECT_EQ(d.arrayTSPacket[0].Offset, 100);
     EXPECT_TRUE(d.m_bT2MIDataValid);
     d.Clear();

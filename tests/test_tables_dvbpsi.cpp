@@ -41,9 +41,7 @@ namespace {
 
 using Handle = std::unique_ptr<dvbpsi_t, void (*)(dvbpsi_t*)>;
 
-Handle newHandle() {
-    return Handle(dvbpsi_new(nullptr, DVBPSI_MSG_NONE), dvbpsi_delete);
-}
+Handle newHandle() { return Handle(dvbpsi_new(nullptr, DVBPSI_MSG_NONE), dvbpsi_delete); }
 
 // The first section of a generated chain as bytes; frees the chain.
 SectionBytes takeFirstSection(dvbpsi_psi_section_t* sections) {
@@ -233,7 +231,8 @@ TEST(DvbpsiGenerated, NitIsReadWithEveryField) {
         dvbpsi_nit_descriptor_add(nit, raw.tag, uint8_t(raw.payload.size()), const_cast<uint8_t*>(raw.payload.data()));
     dvbpsi_nit_ts_t* ts = dvbpsi_nit_ts_add(nit, 0x0304, 0x0506);
     for (const auto& raw : kStreamDescriptors)
-        dvbpsi_nit_ts_descriptor_add(ts, raw.tag, uint8_t(raw.payload.size()), const_cast<uint8_t*>(raw.payload.data()));
+        dvbpsi_nit_ts_descriptor_add(ts, raw.tag, uint8_t(raw.payload.size()),
+                                     const_cast<uint8_t*>(raw.payload.data()));
     dvbpsi_nit_ts_add(nit, 0x0305, 0x0507);
     const SectionBytes bytes = takeFirstSection(dvbpsi_nit_sections_generate(handle.get(), nit, 0x40));
     mpegcore::CNIT ours(nullptr, 1024);
@@ -326,7 +325,8 @@ TEST(DvbpsiGenerated, BatStreamDescriptorsLandInTheTablesList) {
     dvbpsi_bat_bouquet_descriptor_add(bat, 0x47, 2, name);
     dvbpsi_bat_ts_t* ts = dvbpsi_bat_ts_add(bat, 0x0304, 0x0506);
     for (const auto& raw : kStreamDescriptors)
-        dvbpsi_bat_ts_descriptor_add(ts, raw.tag, uint8_t(raw.payload.size()), const_cast<uint8_t*>(raw.payload.data()));
+        dvbpsi_bat_ts_descriptor_add(ts, raw.tag, uint8_t(raw.payload.size()),
+                                     const_cast<uint8_t*>(raw.payload.data()));
     dvbpsi_bat_ts_add(bat, 0x0305, 0x0507);
     SectionBytes bytes = takeFirstSection(dvbpsi_bat_sections_generate(handle.get(), bat));
     // libdvbpsi 1.3.3 writes each transport_descriptors_length one too high;
@@ -387,15 +387,18 @@ TEST(DvbpsiDecoded, RenderedPat) {
         std::vector<std::pair<uint16_t, uint16_t>> programs;
     } result;
     auto handle = newHandle();
-    ASSERT_TRUE(dvbpsi_pat_attach(handle.get(), [](void* data, dvbpsi_pat_t* pat) {
-        auto* r = static_cast<Result*>(data);
-        r->calls++;
-        r->tsid = pat->i_ts_id;
-        r->version = pat->i_version;
-        for (const dvbpsi_pat_program_t* p = pat->p_first_program; p; p = p->p_next)
-            r->programs.emplace_back(p->i_number, p->i_pid);
-        dvbpsi_pat_delete(pat);
-    }, &result));
+    ASSERT_TRUE(dvbpsi_pat_attach(
+        handle.get(),
+        [](void* data, dvbpsi_pat_t* pat) {
+            auto* r = static_cast<Result*>(data);
+            r->calls++;
+            r->tsid = pat->i_ts_id;
+            r->version = pat->i_version;
+            for (const dvbpsi_pat_program_t* p = pat->p_first_program; p; p = p->p_next)
+                r->programs.emplace_back(p->i_number, p->i_pid);
+            dvbpsi_pat_delete(pat);
+        },
+        &result));
     pushSection(handle.get(), renderedBytes(ours), 0);
     dvbpsi_pat_detach(handle.get());
     ASSERT_EQ(result.calls, 1);
@@ -444,17 +447,20 @@ TEST(DvbpsiDecoded, RenderedPmt) {
         std::vector<std::tuple<uint8_t, uint16_t, SectionBytes>> streams;
     } result;
     auto handle = newHandle();
-    ASSERT_TRUE(dvbpsi_pmt_attach(handle.get(), 0x0777, [](void* data, dvbpsi_pmt_t* pmt) {
-        auto* r = static_cast<Result*>(data);
-        r->calls++;
-        r->program = pmt->i_program_number;
-        r->pcr = pmt->i_pcr_pid;
-        r->version = pmt->i_version;
-        r->programDescriptors = descriptorBytes(pmt->p_first_descriptor);
-        for (const dvbpsi_pmt_es_t* es = pmt->p_first_es; es; es = es->p_next)
-            r->streams.emplace_back(es->i_type, es->i_pid, descriptorBytes(es->p_first_descriptor));
-        dvbpsi_pmt_delete(pmt);
-    }, &result));
+    ASSERT_TRUE(dvbpsi_pmt_attach(
+        handle.get(), 0x0777,
+        [](void* data, dvbpsi_pmt_t* pmt) {
+            auto* r = static_cast<Result*>(data);
+            r->calls++;
+            r->program = pmt->i_program_number;
+            r->pcr = pmt->i_pcr_pid;
+            r->version = pmt->i_version;
+            r->programDescriptors = descriptorBytes(pmt->p_first_descriptor);
+            for (const dvbpsi_pmt_es_t* es = pmt->p_first_es; es; es = es->p_next)
+                r->streams.emplace_back(es->i_type, es->i_pid, descriptorBytes(es->p_first_descriptor));
+            dvbpsi_pmt_delete(pmt);
+        },
+        &result));
     pushSection(handle.get(), renderedBytes(ours), 0x100);
     dvbpsi_pmt_detach(handle.get());
     ASSERT_EQ(result.calls, 1);
@@ -489,13 +495,16 @@ TEST(DvbpsiDecoded, RenderedCat) {
         SectionBytes descriptors;
     } result;
     auto handle = newHandle();
-    ASSERT_TRUE(dvbpsi_cat_attach(handle.get(), [](void* data, dvbpsi_cat_t* cat) {
-        auto* r = static_cast<Result*>(data);
-        r->calls++;
-        r->version = cat->i_version;
-        r->descriptors = descriptorBytes(cat->p_first_descriptor);
-        dvbpsi_cat_delete(cat);
-    }, &result));
+    ASSERT_TRUE(dvbpsi_cat_attach(
+        handle.get(),
+        [](void* data, dvbpsi_cat_t* cat) {
+            auto* r = static_cast<Result*>(data);
+            r->calls++;
+            r->version = cat->i_version;
+            r->descriptors = descriptorBytes(cat->p_first_descriptor);
+            dvbpsi_cat_delete(cat);
+        },
+        &result));
     pushSection(handle.get(), renderedBytes(ours), 0x001);
     dvbpsi_cat_detach(handle.get());
     ASSERT_EQ(result.calls, 1);
@@ -543,15 +552,21 @@ NetworkLoopResult decodeNetworkLoop(const SectionBytes& section, uint16_t pid, u
         if (id != tableId)
             return;
         if (tableId == 0x4A)
-            dvbpsi_bat_attach(h, id, extension, [](void* data, dvbpsi_bat_t* bat) {
-                collectNetworkLoop(data, bat->i_extension, bat);
-                dvbpsi_bat_delete(bat);
-            }, &result);
+            dvbpsi_bat_attach(
+                h, id, extension,
+                [](void* data, dvbpsi_bat_t* bat) {
+                    collectNetworkLoop(data, bat->i_extension, bat);
+                    dvbpsi_bat_delete(bat);
+                },
+                &result);
         else
-            dvbpsi_nit_attach(h, id, extension, [](void* data, dvbpsi_nit_t* nit) {
-                collectNetworkLoop(data, nit->i_network_id, nit);
-                dvbpsi_nit_delete(nit);
-            }, &result);
+            dvbpsi_nit_attach(
+                h, id, extension,
+                [](void* data, dvbpsi_nit_t* nit) {
+                    collectNetworkLoop(data, nit->i_network_id, nit);
+                    dvbpsi_nit_delete(nit);
+                },
+                &result);
     });
     return result;
 }
@@ -610,17 +625,20 @@ TEST(DvbpsiDecoded, RenderedSdt) {
     } result;
     decodeThroughDemux(renderedBytes(ours), 0x11, [&](dvbpsi_t* h, uint8_t tableId, uint16_t extension) {
         if (tableId == 0x42)
-            dvbpsi_sdt_attach(h, tableId, extension, [](void* data, dvbpsi_sdt_t* sdt) {
-                auto* r = static_cast<Result*>(data);
-                r->calls++;
-                r->tsid = sdt->i_extension;
-                r->onid = sdt->i_network_id;
-                r->version = sdt->i_version;
-                for (const dvbpsi_sdt_service_t* s = sdt->p_first_service; s; s = s->p_next)
-                    r->services.push_back({s->i_service_id, s->b_eit_schedule, s->b_eit_present, s->b_free_ca,
-                                           s->i_running_status, descriptorBytes(s->p_first_descriptor)});
-                dvbpsi_sdt_delete(sdt);
-            }, &result);
+            dvbpsi_sdt_attach(
+                h, tableId, extension,
+                [](void* data, dvbpsi_sdt_t* sdt) {
+                    auto* r = static_cast<Result*>(data);
+                    r->calls++;
+                    r->tsid = sdt->i_extension;
+                    r->onid = sdt->i_network_id;
+                    r->version = sdt->i_version;
+                    for (const dvbpsi_sdt_service_t* s = sdt->p_first_service; s; s = s->p_next)
+                        r->services.push_back({s->i_service_id, s->b_eit_schedule, s->b_eit_present, s->b_free_ca,
+                                               s->i_running_status, descriptorBytes(s->p_first_descriptor)});
+                    dvbpsi_sdt_delete(sdt);
+                },
+                &result);
     });
     ASSERT_EQ(result.calls, 1);
     EXPECT_EQ(result.tsid, 0x0304);
@@ -709,22 +727,28 @@ TEST(DvbpsiDecoded, RenderedEit) {
         uint8_t version = 0, lastTableId = 0;
         std::vector<Event> events;
     } result;
-    decodeThroughDemux(renderedBytes(ours), 0x12, [&](dvbpsi_t* h, uint8_t tableId, uint16_t extension) {
-        if (tableId == 0x4E)
-            dvbpsi_eit_attach(h, tableId, extension, [](void* data, dvbpsi_eit_t* eit) {
-                auto* r = static_cast<Result*>(data);
-                r->calls++;
-                r->serviceId = eit->i_extension;
-                r->tsid = eit->i_ts_id;
-                r->onid = eit->i_network_id;
-                r->version = eit->i_version;
-                r->lastTableId = eit->i_last_table_id;
-                for (const dvbpsi_eit_event_t* e = eit->p_first_event; e; e = e->p_next)
-                    r->events.push_back({e->i_event_id, e->i_start_time, e->i_duration, e->i_running_status,
-                                         e->b_free_ca, descriptorBytes(e->p_first_descriptor)});
-                dvbpsi_eit_delete(eit);
-            }, &result);
-    }, 2);  // libdvbpsi 1.3.3 hands an EIT over only when the next section on the PID arrives
+    decodeThroughDemux(
+        renderedBytes(ours), 0x12,
+        [&](dvbpsi_t* h, uint8_t tableId, uint16_t extension) {
+            if (tableId == 0x4E)
+                dvbpsi_eit_attach(
+                    h, tableId, extension,
+                    [](void* data, dvbpsi_eit_t* eit) {
+                        auto* r = static_cast<Result*>(data);
+                        r->calls++;
+                        r->serviceId = eit->i_extension;
+                        r->tsid = eit->i_ts_id;
+                        r->onid = eit->i_network_id;
+                        r->version = eit->i_version;
+                        r->lastTableId = eit->i_last_table_id;
+                        for (const dvbpsi_eit_event_t* e = eit->p_first_event; e; e = e->p_next)
+                            r->events.push_back({e->i_event_id, e->i_start_time, e->i_duration, e->i_running_status,
+                                                 e->b_free_ca, descriptorBytes(e->p_first_descriptor)});
+                        dvbpsi_eit_delete(eit);
+                    },
+                    &result);
+        },
+        2);  // libdvbpsi 1.3.3 hands an EIT over only when the next section on the PID arrives
     ASSERT_EQ(result.calls, 1);
     EXPECT_EQ(result.serviceId, 0x0102);
     EXPECT_EQ(result.tsid, 0x0304);
@@ -762,13 +786,16 @@ TEST(DvbpsiDecoded, RenderedTot) {
     } result;
     decodeThroughDemux(renderedBytes(ours), 0x14, [&](dvbpsi_t* h, uint8_t tableId, uint16_t extension) {
         if (tableId == 0x73)
-            dvbpsi_tot_attach(h, tableId, extension, [](void* data, dvbpsi_tot_t* tot) {
-                auto* r = static_cast<Result*>(data);
-                r->calls++;
-                r->utc = tot->i_utc_time;
-                r->descriptors = descriptorBytes(tot->p_first_descriptor);
-                dvbpsi_tot_delete(tot);
-            }, &result);
+            dvbpsi_tot_attach(
+                h, tableId, extension,
+                [](void* data, dvbpsi_tot_t* tot) {
+                    auto* r = static_cast<Result*>(data);
+                    r->calls++;
+                    r->utc = tot->i_utc_time;
+                    r->descriptors = descriptorBytes(tot->p_first_descriptor);
+                    dvbpsi_tot_delete(tot);
+                },
+                &result);
     });
     ASSERT_EQ(result.calls, 1);
     EXPECT_EQ(result.utc, 0xEFBF194002ull);
@@ -784,12 +811,15 @@ TEST(DvbpsiDecoded, RenderedTdt) {
     } result;
     decodeThroughDemux(renderedBytes(ours), 0x14, [&](dvbpsi_t* h, uint8_t tableId, uint16_t extension) {
         if (tableId == 0x70)
-            dvbpsi_tot_attach(h, tableId, extension, [](void* data, dvbpsi_tot_t* tdt) {
-                auto* r = static_cast<Result*>(data);
-                r->calls++;
-                r->utc = tdt->i_utc_time;
-                dvbpsi_tot_delete(tdt);
-            }, &result);
+            dvbpsi_tot_attach(
+                h, tableId, extension,
+                [](void* data, dvbpsi_tot_t* tdt) {
+                    auto* r = static_cast<Result*>(data);
+                    r->calls++;
+                    r->utc = tdt->i_utc_time;
+                    dvbpsi_tot_delete(tdt);
+                },
+                &result);
     });
     ASSERT_EQ(result.calls, 1);
     EXPECT_EQ(result.utc, 0xC079124500ull);

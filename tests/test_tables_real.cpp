@@ -69,9 +69,9 @@ std::set<unsigned> pidList(const std::string& text) {
 
 // The stream_type that the analysis' description of a PID implies.
 int expectedStreamType(const std::string& description) {
-    const std::vector<std::pair<std::string, int>> kinds{
-        {"AVC video", 0x1B},     {"MPEG-2 Video", 0x02}, {"MPEG-1 Audio", 0x03}, {"MPEG-2 Audio", 0x04},
-        {"Teletext", 0x06},      {"DTS-HD", 0x86}};
+    const std::vector<std::pair<std::string, int>> kinds{{"AVC video", 0x1B},    {"MPEG-2 Video", 0x02},
+                                                         {"MPEG-1 Audio", 0x03}, {"MPEG-2 Audio", 0x04},
+                                                         {"Teletext", 0x06},     {"DTS-HD", 0x86}};
     for (const auto& [prefix, type] : kinds)
         if (description.rfind(prefix, 0) == 0)
             return type;
@@ -140,8 +140,7 @@ TEST_P(RealTables, PatAndPmtAgreeWithTheAnalysis) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Captures, RealTables,
-                         ::testing::Values("live-012", "live-025", "live-072", "live-139"));
+INSTANTIATE_TEST_SUITE_P(Captures, RealTables, ::testing::Values("live-012", "live-025", "live-072", "live-139"));
 
 TEST(RealTables, SdtOfLive025NamesItsService) {
     const Analysis analysis = readAnalysis("live-025.analysis.txt");
@@ -157,8 +156,8 @@ TEST(RealTables, SdtOfLive025NamesItsService) {
         EXPECT_EQ(sdt.transport_stream_id, std::stoul(analysis.service.at("tsid")));
         EXPECT_EQ(sdt.original_network_id, std::stoul(analysis.service.at("orignetwid")));
         ASSERT_EQ(sdt.sds.count(serviceId), 1u);
-        auto service = std::dynamic_pointer_cast<mpegcore::service_descriptor>(
-            sdt.sds.at(serviceId)->descriptors.find(0x48));
+        auto service =
+            std::dynamic_pointer_cast<mpegcore::service_descriptor>(sdt.sds.at(serviceId)->descriptors.find(0x48));
         ASSERT_TRUE(service);
         EXPECT_EQ(service->service_type, std::stoul(analysis.service.at("servtype")));
         // The raw text keeps its character table byte (0x03, ISO/IEC 8859-7 here).

@@ -22,9 +22,7 @@ TEST(TextHelpers, UptimeOfOneHourTwoMinutesThreeSeconds) {
     EXPECT_EQ(toString("hhh:mm:ss.ccc", kHour + 2 * 60 * kSec + 3 * kSec + 4 * kMs), "001:02:03.004");
 }
 
-TEST(TextHelpers, ThousandHoursAreNotCut) {
-    EXPECT_EQ(toString("hhh:mm:ss.ccc", 1000 * kHour), "1000:00:00.000");
-}
+TEST(TextHelpers, ThousandHoursAreNotCut) { EXPECT_EQ(toString("hhh:mm:ss.ccc", 1000 * kHour), "1000:00:00.000"); }
 
 TEST(TextHelpers, NegativeDurationGetsAMinus) {
     EXPECT_EQ(toString("hhh:mm:ss.ccc", -(61 * kSec + 5 * kMs)), "-000:01:01.005");
@@ -36,9 +34,7 @@ TEST(TextHelpers, TwoDigitHoursAndMilliseconds) {
     EXPECT_EQ(toString("ss.cc", 999 * kMs), "00.999");
 }
 
-TEST(TextHelpers, OnlyTheFirstOccurrenceIsReplaced) {
-    EXPECT_EQ(toString("ss ss", 9 * kSec), "09 ss");
-}
+TEST(TextHelpers, OnlyTheFirstOccurrenceIsReplaced) { EXPECT_EQ(toString("ss ss", 9 * kSec), "09 ss"); }
 
 TEST(TextHelpers, WallClockInUtc) {
     // 2026-11-15 19:40:02 UTC

@@ -19,11 +19,21 @@ using json = nlohmann::json;
 namespace {
 
 const char* const kItemNames[] = {
-    "System time",          "Signal state",       "No data/link/lock/range/unknown",
-    "Bit rate [bit/sec]",   "Data counter",       "Raw bit rate [bit/sec]",
-    "Raw data counter",     "Bad bytes",          "Asi capture frames",
-    "Asi dropped frames",   "Asi fake frames",    "Asi map delay [ms]",
-    "Asi push delay [ms]",  "Asi delay between frames [ms]", "Asi last error",
+    "System time",
+    "Signal state",
+    "No data/link/lock/range/unknown",
+    "Bit rate [bit/sec]",
+    "Data counter",
+    "Raw bit rate [bit/sec]",
+    "Raw data counter",
+    "Bad bytes",
+    "Asi capture frames",
+    "Asi dropped frames",
+    "Asi fake frames",
+    "Asi map delay [ms]",
+    "Asi push delay [ms]",
+    "Asi delay between frames [ms]",
+    "Asi last error",
 };
 
 // The monitor with the simulator preloaded and the given VQASISIM_* settings;
@@ -45,8 +55,7 @@ TEST(VqasiMonitor, JsonLinesShowTheSimulatorsRateAndTheAlarmsItProvokes) {
     // 4 Mbit/s; the link drops from 2 s to 5 s; every 500th packet is left out.
     const std::string simulator = "VQASISIM_INPUT=" + vq_test::shell_quote(vq_test::dataPath("live-025.ts")) +
                                   " VQASISIM_BITRATE=4000000 VQASISIM_SIGNAL=ok:2,nolink:3,ok VQASISIM_CC_ERRORS=500";
-    const auto result =
-        vq_test::run_tool(monitor_command(simulator, "--json --duration 8 --source-name monitor-test"));
+    const auto result = vq_test::run_tool(monitor_command(simulator, "--json --duration 8 --source-name monitor-test"));
     ASSERT_EQ(result.status, 0) << result.output;
 
     std::vector<json> snapshots;
@@ -121,8 +130,8 @@ TEST(VqasiMonitor, TextScreenAndOutputFile) {
 }
 
 TEST(VqasiMonitor, AWrongDeviceIsRetriedWithTheDevicesMessage) {
-    const auto result = vq_test::run_tool(
-        monitor_command("", "--json --device /dev/video7 --retry-seconds 1 --duration 3.5"), true);
+    const auto result =
+        vq_test::run_tool(monitor_command("", "--json --device /dev/video7 --retry-seconds 1 --duration 3.5"), true);
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_NE(result.output.find("vqasicapture: Can't open asi device: /dev/video7"), std::string::npos)
         << result.output;
@@ -146,9 +155,9 @@ TEST(VqasiMonitor, AWrongDeviceIsRetriedWithTheDevicesMessage) {
 TEST(VqasiMonitor, HelpAndBadOptions) {
     const auto help = vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --help");
     EXPECT_EQ(help.status, 0);
-    for (const char* option : {"--port", "--config", "--listen", "--retry-seconds", "--max-pids", "--device",
-                               "--input-type", "--plp", "--source-name", "--output", "--udp", "--duration", "--json",
-                               "--help-gst"})
+    for (const char* option :
+         {"--port", "--config", "--listen", "--retry-seconds", "--max-pids", "--device", "--input-type", "--plp",
+          "--source-name", "--output", "--udp", "--duration", "--json", "--help-gst"})
         EXPECT_NE(help.output.find(option), std::string::npos) << option;
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --plp 256", true).status, 2);
     EXPECT_EQ(vq_test::run_tool(std::string(VQ_MONITOR_PATH) + " --udp nowhere", true).status, 2);

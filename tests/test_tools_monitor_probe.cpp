@@ -85,8 +85,9 @@ TEST(VqasiMonitorProbe, ABadConfigFileIsRefusedWithFileLineAndKey) {
     expect_refused("[port a]\ndevice=/dev/video0\n\ncolour=blue\n", ":4: [port a] unknown key colour");
     expect_refused("[monitor]\nmax-pids=none\n", ":2: [monitor] key max-pids: 1 to 8192, not \"none\"");
     // GLib's own message names the line of a syntax error.
-    expect_refused("[port a]\ndevice=/dev/video0\nthis is not a key file\n",
-                   ": Key file contains line “this is not a key file” which is not a key-value pair, group, or comment");
+    expect_refused(
+        "[port a]\ndevice=/dev/video0\nthis is not a key file\n",
+        ": Key file contains line “this is not a key file” which is not a key-value pair, group, or comment");
     expect_refused("[ports]\nx=1\n", ": unknown group [ports] (use [monitor] and [port NAME])");
     expect_refused("[port a]\nudp=nowhere\n", ": port a: key udp takes HOST:PORT, not \"nowhere\"");
     const auto missing = vq_test::run_tool(monitor_command("", "--config /nonexistent/probe.conf"), true);
@@ -115,14 +116,18 @@ TEST(VqasiMonitorProbe, TwoPortsServeMetricsTheApiAndRefuseTheRest) {
     ASSERT_TRUE(monitor.started());
 
     std::string scrape;
-    ASSERT_TRUE(vq_test::wait_for([&] {
-        const auto reply = vq_test::http_fetch(base + "/metrics");
-        scrape = reply.body;
-        return reply.status == 200 && sample(scrape, "vqasi_ts_bytes_total{port=\"north\"}") > 0 &&
-               sample(scrape, "vqasi_ts_bytes_total{port=\"south\"}") > 0 &&
-               sample(scrape, "vqasi_tr101290_errors_total{port=\"north\",check=\"Continuity_count_error\","
-                              "priority=\"1\"}") > 0;
-    }, 20)) << scrape << monitor.output();
+    ASSERT_TRUE(vq_test::wait_for(
+        [&] {
+            const auto reply = vq_test::http_fetch(base + "/metrics");
+            scrape = reply.body;
+            return reply.status == 200 && sample(scrape, "vqasi_ts_bytes_total{port=\"north\"}") > 0 &&
+                   sample(scrape, "vqasi_ts_bytes_total{port=\"south\"}") > 0 &&
+                   sample(scrape,
+                          "vqasi_tr101290_errors_total{port=\"north\",check=\"Continuity_count_error\","
+                          "priority=\"1\"}") > 0;
+        },
+        20))
+        << scrape << monitor.output();
 
     // promtool parses the exposition and finds nothing to say but its naming
     // advice on the six names the probe's users were promised (bits and ms in
@@ -131,9 +136,10 @@ TEST(VqasiMonitorProbe, TwoPortsServeMetricsTheApiAndRefuseTheRest) {
     const auto check = vq_test::run_tool("promtool check metrics < " + shell_quote(scraped.path), true);
     std::string unexpected;
     size_t advice = 0;
-    const std::regex allowed("vqasi_(input_bitrate|ts_bitrate|pid_bitrate)_bits use base unit \"bytes\" instead of "
-                             "\"bits\"|vqasi_(map_delay|push_delay|frame_interval)_ms metric names should not "
-                             "contain abbreviated units");
+    const std::regex allowed(
+        "vqasi_(input_bitrate|ts_bitrate|pid_bitrate)_bits use base unit \"bytes\" instead of "
+        "\"bits\"|vqasi_(map_delay|push_delay|frame_interval)_ms metric names should not "
+        "contain abbreviated units");
     for (const auto& line : check.lines()) {
         if (std::regex_match(line, allowed))
             ++advice;
@@ -151,7 +157,8 @@ TEST(VqasiMonitorProbe, TwoPortsServeMetricsTheApiAndRefuseTheRest) {
         // max-pids bounds the PID series, busiest first.
         EXPECT_EQ(count_lines_starting(scrape, "vqasi_pid_bitrate_bits" + label), 3u) << port;
         EXPECT_EQ(count_lines_starting(scrape, "vqasi_pid_cc_errors_total" + label), 3u) << port;
-        EXPECT_EQ(count_lines_starting(scrape, "vqasi_tr101290_errors_total" + label), mpegcore::tr101290_check_count) << port;
+        EXPECT_EQ(count_lines_starting(scrape, "vqasi_tr101290_errors_total" + label), mpegcore::tr101290_check_count)
+            << port;
     }
     EXPECT_NE(scrape.find("vqasi_alarm_active{port=\"north\",code=\"112\",pid=\""), std::string::npos) << scrape;
     for (const char* family : {"vqasi_map_delay_ms", "vqasi_push_delay_ms", "vqasi_frame_interval_ms"})
@@ -195,7 +202,8 @@ TEST(VqasiMonitorProbe, TwoPortsServeMetricsTheApiAndRefuseTheRest) {
     EXPECT_EQ(vq_test::http_fetch(base + "/api/v1/ports", "-X DELETE").status, 405);
     EXPECT_EQ(vq_test::http_fetch(base + "/etc/passwd").status, 404);
     EXPECT_EQ(vq_test::http_fetch(base + "/metrics/../api").status, 404);
-    const auto huge = vq_test::http_fetch(base + "/metrics", "-H " + shell_quote("X-Padding: " + std::string(40000, 'a')));
+    const auto huge =
+        vq_test::http_fetch(base + "/metrics", "-H " + shell_quote("X-Padding: " + std::string(40000, 'a')));
     EXPECT_EQ(huge.status, 431) << "Request Header Fields Too Large";
     EXPECT_EQ(vq_test::http_fetch(base + "/healthz").status, 200) << "the server survives the oversized request";
 
@@ -215,9 +223,10 @@ TEST(VqasiMonitorProbe, TheExampleConfigStartsItsThreePorts) {
                                   shell_quote(vq_test::dataPath("t2mi-plp102.ts")) + "," +
                                   shell_quote(vq_test::dataPath("live-012.ts"));
     // The command line's --listen wins over the file's.
-    const auto result = vq_test::run_tool(
-        "env LD_PRELOAD=" + shell_quote(VQ_MONITOR_PRELOAD) + " " + simulator + " " + shell_quote(VQ_MONITOR_PATH) +
-        " --json --duration 2.5 --listen 127.0.0.1:0 --config " + shell_quote(std::string(VQ_CONTRIB_DIR) + "/example.conf"));
+    const auto result =
+        vq_test::run_tool("env LD_PRELOAD=" + shell_quote(VQ_MONITOR_PRELOAD) + " " + simulator + " " +
+                          shell_quote(VQ_MONITOR_PATH) + " --json --duration 2.5 --listen 127.0.0.1:0 --config " +
+                          shell_quote(std::string(VQ_CONTRIB_DIR) + "/example.conf"));
     ASSERT_EQ(result.status, 0) << result.output;
     std::map<std::string, std::string> states;
     for (const auto& line : result.lines()) {
@@ -225,8 +234,8 @@ TEST(VqasiMonitorProbe, TheExampleConfigStartsItsThreePorts) {
         if (port.at("final") == 0)
             states[port.at("name")] = port.at("state");
     }
-    EXPECT_EQ(states, (std::map<std::string, std::string>{{"mux1", "capturing"}, {"mux3", "capturing"},
-                                                          {"t2mi", "capturing"}}));
+    EXPECT_EQ(states, (std::map<std::string, std::string>{
+                          {"mux1", "capturing"}, {"mux3", "capturing"}, {"t2mi", "capturing"}}));
 }
 
 }  // namespace

@@ -71,10 +71,10 @@ TEST(VqasiMonitorPrometheus, ScrapedPortsShowBytesContinuityErrorsAndARemovedBoa
 
     // Both boards disappear ten seconds after each open (the simulator's
     // removal applies to every board it plays); the monitor retries after two.
-    const std::string simulator = "VQASISIM_DEVICE=/dev/video0,/dev/video1 VQASISIM_INPUT=" +
-                                  shell_quote(dir.path + "/null.ts") + "," +
-                                  shell_quote(vq_test::dataPath("live-025.ts")) +
-                                  " VQASISIM_BITRATE=5000000 VQASISIM_CC_ERRORS=400 VQASISIM_REMOVE_AFTER=10";
+    const std::string simulator =
+        "VQASISIM_DEVICE=/dev/video0,/dev/video1 VQASISIM_INPUT=" + shell_quote(dir.path + "/null.ts") + "," +
+        shell_quote(vq_test::dataPath("live-025.ts")) +
+        " VQASISIM_BITRATE=5000000 VQASISIM_CC_ERRORS=400 VQASISIM_REMOVE_AFTER=10";
     vq_test::background_process monitor(
         "env LD_PRELOAD=" + shell_quote(VQ_MONITOR_PRELOAD) + " " + simulator + " " + shell_quote(VQ_MONITOR_PATH) +
             " --json --retry-seconds 2 --listen 127.0.0.1:" + std::to_string(monitorPort) +
@@ -86,38 +86,47 @@ TEST(VqasiMonitorPrometheus, ScrapedPortsShowBytesContinuityErrorsAndARemovedBoa
                                                    "scrape_configs:\n  - job_name: vqasi\n    static_configs:\n"
                                                    "      - targets: ['127.0.0.1:"
                                                 << monitorPort << "']\n";
-    vq_test::background_process server(shell_quote(prometheus) + " --config.file=" +
-                                           shell_quote(dir.path + "/prometheus.yml") + " --storage.tsdb.path=" +
-                                           shell_quote(dir.path + "/data") + " --web.listen-address=127.0.0.1:" +
-                                           std::to_string(prometheusPort),
+    vq_test::background_process server(shell_quote(prometheus) +
+                                           " --config.file=" + shell_quote(dir.path + "/prometheus.yml") +
+                                           " --storage.tsdb.path=" + shell_quote(dir.path + "/data") +
+                                           " --web.listen-address=127.0.0.1:" + std::to_string(prometheusPort),
                                        dir.path + "/prometheus.log");
     ASSERT_TRUE(server.started());
     const std::string api = "http://127.0.0.1:" + std::to_string(prometheusPort);
 
     // The bytes of both ports grow between scrapes.
     std::map<std::string, double> first;
-    ASSERT_TRUE(vq_test::wait_for([&] {
-        first = query(api, "vqasi_ts_bytes_total");
-        return first["clean"] > 0 && first["faulty"] > 0;
-    }, 20)) << server.output() << monitor.output();
-    EXPECT_TRUE(vq_test::wait_for([&] {
-        auto now = query(api, "vqasi_ts_bytes_total");
-        return now["clean"] > first["clean"] && now["faulty"] > first["faulty"];
-    }, 10));
+    ASSERT_TRUE(vq_test::wait_for(
+        [&] {
+            first = query(api, "vqasi_ts_bytes_total");
+            return first["clean"] > 0 && first["faulty"] > 0;
+        },
+        20))
+        << server.output() << monitor.output();
+    EXPECT_TRUE(vq_test::wait_for(
+        [&] {
+            auto now = query(api, "vqasi_ts_bytes_total");
+            return now["clean"] > first["clean"] && now["faulty"] > first["faulty"];
+        },
+        10));
 
     // Continuity errors and the continuity alarm on the faulty port only.
     std::map<std::string, double> cc;
-    EXPECT_TRUE(vq_test::wait_for([&] {
-        cc = query(api, "vqasi_tr101290_errors_total{check=\"Continuity_count_error\"}");
-        return cc["faulty"] > 0;
-    }, 10));
+    EXPECT_TRUE(vq_test::wait_for(
+        [&] {
+            cc = query(api, "vqasi_tr101290_errors_total{check=\"Continuity_count_error\"}");
+            return cc["faulty"] > 0;
+        },
+        10));
     EXPECT_EQ(cc.count("clean"), 1u);
     EXPECT_EQ(cc["clean"], 0);
     std::map<std::string, double> alarms;
-    EXPECT_TRUE(vq_test::wait_for([&] {
-        alarms = query(api, "count by (port) (max_over_time(vqasi_alarm_active{code=\"112\"}[1m]))");
-        return alarms["faulty"] > 0;
-    }, 10));
+    EXPECT_TRUE(vq_test::wait_for(
+        [&] {
+            alarms = query(api, "count by (port) (max_over_time(vqasi_alarm_active{code=\"112\"}[1m]))");
+            return alarms["faulty"] > 0;
+        },
+        10));
     EXPECT_EQ(alarms.count("clean"), 0u);
 
     // The board goes: the port is down; it comes back: the port is up again.

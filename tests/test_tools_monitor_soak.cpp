@@ -167,25 +167,27 @@ TEST(VqasiMonitorSoak, FourFullRatePortsWithFaultsRunFlatAndAgreeWithTheBoards) 
     // Faults per board through the simulator's per-device variables (NAME_<index>).
     const std::string simulator =
         "VQASISIM_DEVICE=/dev/video0,/dev/video1,/dev/video2,/dev/video3"
-        " VQASISIM_INPUT=" + shell_quote(vq_test::dataPath("live-025.ts")) + "," + shell_quote(continuous) + "," +
+        " VQASISIM_INPUT=" +
+        shell_quote(vq_test::dataPath("live-025.ts")) + "," + shell_quote(continuous) + "," +
         shell_quote(vq_test::dataPath("live-012.ts")) + "," + shell_quote(vq_test::dataPath("live-139.ts")) +
         " VQASISIM_BITRATE=" + std::to_string(bitrate) + " VQASISIM_PACING=realtime" +
-        " VQASISIM_SUMMARY=" + shell_quote(summaryFile) +
-        " VQASISIM_SIGNAL_" + std::to_string(kSignal) + "=ok:5,nolock:1.5,ok:5,nolink:1" +
-        " VQASISIM_CC_ERRORS_" + std::to_string(kCc) + "=20000" +
-        " VQASISIM_GARBAGE_" + std::to_string(kGarbage) + "=100000:20000" +
-        " VQASISIM_REMOVE_AFTER_" + std::to_string(kRemoved) + "=" + std::to_string(removeAfter);
+        " VQASISIM_SUMMARY=" + shell_quote(summaryFile) + " VQASISIM_SIGNAL_" + std::to_string(kSignal) +
+        "=ok:5,nolock:1.5,ok:5,nolink:1" + " VQASISIM_CC_ERRORS_" + std::to_string(kCc) + "=20000" +
+        " VQASISIM_GARBAGE_" + std::to_string(kGarbage) + "=100000:20000" + " VQASISIM_REMOVE_AFTER_" +
+        std::to_string(kRemoved) + "=" + std::to_string(removeAfter);
     std::string ports;
     for (size_t i = 0; i < kPorts; ++i)
         ports += std::string(" --port ") + kPortNames[i] + "=" + device(i);
     vq_test::background_process monitor("env LD_PRELOAD=" + shell_quote(VQ_MONITOR_PRELOAD) + " " + simulator + " " +
                                             shell_quote(VQ_MONITOR_PATH) + " --json --retry-seconds " +
-                                            std::to_string(kRetrySeconds) + " --listen 127.0.0.1:" +
-                                            std::to_string(httpPort) + ports,
+                                            std::to_string(kRetrySeconds) +
+                                            " --listen 127.0.0.1:" + std::to_string(httpPort) + ports,
                                         dir.path + "/monitor.log");
     ASSERT_TRUE(monitor.started());
     const auto start = std::chrono::steady_clock::now();
-    const auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+    const auto elapsed = [&] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
 
     // RSS once a second; the metrics scraped two seconds before the end.
     std::vector<std::pair<double, uint64_t>> rss;
@@ -239,9 +241,10 @@ TEST(VqasiMonitorSoak, FourFullRatePortsWithFaultsRunFlatAndAgreeWithTheBoards) 
         if (line.up && downAt >= 0 && upAgainAt < 0)
             upAgainAt = line.seconds;
     }
-    std::printf("removed port: down at %.1f s (board removed %.1f s after its open), up again at %.1f s: "
-                "back after %.1f s (retry every %d s)\n",
-                downAt, removeAfter, upAgainAt, upAgainAt - downAt, kRetrySeconds);
+    std::printf(
+        "removed port: down at %.1f s (board removed %.1f s after its open), up again at %.1f s: "
+        "back after %.1f s (retry every %d s)\n",
+        downAt, removeAfter, upAgainAt, upAgainAt - downAt, kRetrySeconds);
     ASSERT_GT(downAt, 0) << "the port never went down\n" << messages(output);
     ASSERT_GT(upAgainAt, downAt) << "the port did not come back\n" << messages(output);
     EXPECT_LE(upAgainAt - downAt, kRetrySeconds + 4.0);
@@ -285,14 +288,13 @@ TEST(VqasiMonitorSoak, FourFullRatePortsWithFaultsRunFlatAndAgreeWithTheBoards) 
         const auto& s = summaries[name];
         const port_line& last = lines.at(name).back();
         ASSERT_NE(s.number("frames"), UINT64_MAX) << "no summary for " << device(i);
-        std::printf("%s port: %llu frames and %llu bytes captured; the board filled %llu frames, %llu bytes, "
-                    "%llu dequeued; overruns %llu, monitor's dropped frames %llu\n",
-                    name.c_str(), static_cast<unsigned long long>(last.frames),
-                    static_cast<unsigned long long>(last.rawBytes), static_cast<unsigned long long>(s.number("frames")),
-                    static_cast<unsigned long long>(s.number("bytes")),
-                    static_cast<unsigned long long>(s.number("frames_dequeued")),
-                    static_cast<unsigned long long>(s.number("overruns")),
-                    static_cast<unsigned long long>(last.dropped));
+        std::printf(
+            "%s port: %llu frames and %llu bytes captured; the board filled %llu frames, %llu bytes, "
+            "%llu dequeued; overruns %llu, monitor's dropped frames %llu\n",
+            name.c_str(), static_cast<unsigned long long>(last.frames), static_cast<unsigned long long>(last.rawBytes),
+            static_cast<unsigned long long>(s.number("frames")), static_cast<unsigned long long>(s.number("bytes")),
+            static_cast<unsigned long long>(s.number("frames_dequeued")),
+            static_cast<unsigned long long>(s.number("overruns")), static_cast<unsigned long long>(last.dropped));
         EXPECT_EQ(s.number("frame_size"), frameSize) << name;
         EXPECT_EQ(s.number("overruns"), 0u) << name << ": a frame came while no buffer was queued";
         EXPECT_EQ(last.dropped, 0u) << name;
@@ -332,11 +334,12 @@ TEST(VqasiMonitorSoak, FourFullRatePortsWithFaultsRunFlatAndAgreeWithTheBoards) 
     const uint64_t scraped =
         metric_sum(scrape, "vqasi_tr101290_errors_total{port=\"cc\",check=\"Continuity_count_error\"");
     const uint64_t scrapedPid = metric_sum(scrape, "vqasi_pid_cc_errors_total{port=\"cc\"");
-    std::printf("cc port: %llu packets left out by the board (%llu in the packets analysed), the monitor counted %llu "
-                "continuity errors (%llu in the scrape 2 s before the end, %llu on PID %u)\n",
-                static_cast<unsigned long long>(cc.number("cc_errors")), static_cast<unsigned long long>(injected),
-                static_cast<unsigned long long>(ccLast.continuityErrors), static_cast<unsigned long long>(scraped),
-                static_cast<unsigned long long>(scrapedPid), kCcPid);
+    std::printf(
+        "cc port: %llu packets left out by the board (%llu in the packets analysed), the monitor counted %llu "
+        "continuity errors (%llu in the scrape 2 s before the end, %llu on PID %u)\n",
+        static_cast<unsigned long long>(cc.number("cc_errors")), static_cast<unsigned long long>(injected),
+        static_cast<unsigned long long>(ccLast.continuityErrors), static_cast<unsigned long long>(scraped),
+        static_cast<unsigned long long>(scrapedPid), kCcPid);
     ASSERT_EQ(cc.number("events_dropped"), 0u) << "every left-out packet is listed";
     EXPECT_GT(injected, 0u);
     EXPECT_EQ(ccLast.continuityErrors, injected);

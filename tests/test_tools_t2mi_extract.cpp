@@ -39,8 +39,8 @@ protected:
 };
 
 TEST_F(T2miExtract, Plp102MatchesTheReferenceExtraction) {
-    const auto result = vq_test::run_tool(kTool + " --plp 102 " + vq_test::shell_quote(m_in) + " " +
-                                          vq_test::shell_quote(m_out), true);
+    const auto result =
+        vq_test::run_tool(kTool + " --plp 102 " + vq_test::shell_quote(m_in) + " " + vq_test::shell_quote(m_out), true);
     ASSERT_EQ(result.status, 0) << result.output;
     const auto extracted = vq_test::readFile(m_out);
     const auto reference = vq_test::readDataFile("t2mi-plp102.reference-extracted.ts");
@@ -68,8 +68,8 @@ TEST_F(T2miExtract, WithoutPlpListsThePlpsAndExtractsTheOnlyOne) {
 }
 
 TEST_F(T2miExtract, AnAbsentPlpFailsAndNamesThePlpsThatExist) {
-    const auto result = vq_test::run_tool(kTool + " --plp 7 " + vq_test::shell_quote(m_in) + " " +
-                                          vq_test::shell_quote(m_out), true);
+    const auto result =
+        vq_test::run_tool(kTool + " --plp 7 " + vq_test::shell_quote(m_in) + " " + vq_test::shell_quote(m_out), true);
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.output.find("PLP 7: 0 packets"), std::string::npos) << result.output;
     EXPECT_NE(result.output.find("102 ("), std::string::npos) << result.output;
@@ -114,8 +114,8 @@ protected:
 
     std::string write_carrier(const std::vector<uint8_t>& ts) {
         const std::string path = m_dir + "/carrier.ts";
-        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(ts.data()),
-                                                    static_cast<std::streamsize>(ts.size()));
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(ts.data()), static_cast<std::streamsize>(ts.size()));
         return path;
     }
     std::string plp_file(unsigned plp) {
@@ -182,8 +182,8 @@ TEST_F(T2miExtractAll, EveryPlpGoesToItsOwnFile) {
     std::map<unsigned, std::vector<uint8_t>> plps;
     const std::string carrier = write_carrier(two_plp_carrier(plps));
     const std::string one = plp_file(1), two = plp_file(2);
-    const auto result = vq_test::run_tool(kTool + " --plp all " + vq_test::shell_quote(carrier) + " " +
-                                          vq_test::shell_quote(m_dir + "/plp%d.ts"), true);
+    const auto result = vq_test::run_tool(
+        kTool + " --plp all " + vq_test::shell_quote(carrier) + " " + vq_test::shell_quote(m_dir + "/plp%d.ts"), true);
     ASSERT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(vq_test::readFile(one), plps[1]);
     EXPECT_EQ(vq_test::readFile(two), plps[2]);
@@ -197,8 +197,9 @@ TEST_F(T2miExtractAll, ThePatternMayGiveAWidth) {
     const std::string carrier = write_carrier(two_plp_carrier(plps));
     m_created.push_back(m_dir + "/plp-001.ts");
     m_created.push_back(m_dir + "/plp-002.ts");
-    const auto result = vq_test::run_tool(kTool + " --plp all " + vq_test::shell_quote(carrier) + " " +
-                                          vq_test::shell_quote(m_dir + "/plp-%03d.ts"), true);
+    const auto result = vq_test::run_tool(
+        kTool + " --plp all " + vq_test::shell_quote(carrier) + " " + vq_test::shell_quote(m_dir + "/plp-%03d.ts"),
+        true);
     ASSERT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(vq_test::readFile(m_dir + "/plp-002.ts"), plps[2]);
     EXPECT_EQ(files(), (std::vector<std::string>{"plp-001.ts", "plp-002.ts"}));
@@ -207,7 +208,8 @@ TEST_F(T2miExtractAll, ThePatternMayGiveAWidth) {
 TEST_F(T2miExtractAll, APatternWithoutExactlyOneNumberIsRefused) {
     for (const char* pattern : {"plp.ts", "plp%d-%d.ts", "plp%s.ts", "plp%x.ts", "100%%.ts", "plp%"}) {
         const auto result = vq_test::run_tool(kTool + " --plp all " + vq_test::shell_quote(m_in_capture) + " " +
-                                              vq_test::shell_quote(m_dir + "/" + pattern), true);
+                                                  vq_test::shell_quote(m_dir + "/" + pattern),
+                                              true);
         EXPECT_EQ(result.status, 2) << pattern;
         EXPECT_NE(result.output.find("with --plp all, OUT names the file of each PLP with exactly one %d"),
                   std::string::npos)
@@ -219,8 +221,9 @@ TEST_F(T2miExtractAll, APatternWithoutExactlyOneNumberIsRefused) {
 
 TEST_F(T2miExtractAll, TheCaptureGivesItsOnePlpEqualToTheReference) {
     const std::string out = plp_file(102);
-    const auto result = vq_test::run_tool(kTool + " --plp all " + vq_test::shell_quote(m_in_capture) + " " +
-                                          vq_test::shell_quote(m_dir + "/plp%d.ts"), true);
+    const auto result = vq_test::run_tool(
+        kTool + " --plp all " + vq_test::shell_quote(m_in_capture) + " " + vq_test::shell_quote(m_dir + "/plp%d.ts"),
+        true);
     ASSERT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(files(), std::vector<std::string>{"plp102.ts"});
     const auto reference = vq_test::readDataFile("t2mi-plp102.reference-extracted.ts");
@@ -241,14 +244,15 @@ TEST_F(T2miExtractAll, AGivenPidFindsAT2miStreamThatNoPsiAnnounces) {
     EXPECT_NE(listing.output.find(", 2 ("), std::string::npos) << listing.output;
 
     const std::string two = plp_file(2);
-    const auto one = vq_test::run_tool(kTool + " --pid 64 --plp 2 " + vq_test::shell_quote(carrier) + " " +
-                                       vq_test::shell_quote(two), true);
+    const auto one = vq_test::run_tool(
+        kTool + " --pid 64 --plp 2 " + vq_test::shell_quote(carrier) + " " + vq_test::shell_quote(two), true);
     ASSERT_EQ(one.status, 0) << one.output;
     EXPECT_EQ(vq_test::readFile(two), plps[2]);
 
     plp_file(1);
     const auto all = vq_test::run_tool(kTool + " --pid 64 --plp all " + vq_test::shell_quote(carrier) + " " +
-                                       vq_test::shell_quote(m_dir + "/plp%d.ts"), true);
+                                           vq_test::shell_quote(m_dir + "/plp%d.ts"),
+                                       true);
     ASSERT_EQ(all.status, 0) << all.output;
     EXPECT_EQ(vq_test::readFile(m_dir + "/plp1.ts"), plps[1]);
     EXPECT_EQ(vq_test::readFile(two), plps[2]);
@@ -262,8 +266,8 @@ TEST_F(T2miExtractAll, AGivenPidOverridesThePmtOfTheCapture) {
     const auto capture = vq_test::readDataFile("t2mi-plp102.ts");
     const std::string carrier = write_carrier(without_psi(capture, 33));
     const std::string out = plp_file(102);
-    const auto result = vq_test::run_tool(kTool + " --pid 64 --plp 102 " + vq_test::shell_quote(carrier) + " " +
-                                          vq_test::shell_quote(out), true);
+    const auto result = vq_test::run_tool(
+        kTool + " --pid 64 --plp 102 " + vq_test::shell_quote(carrier) + " " + vq_test::shell_quote(out), true);
     ASSERT_EQ(result.status, 0) << result.output;
     // Without a PMT to wait for, collection starts with the first T2-MI
     // packet, so the reference extraction follows some earlier packets.

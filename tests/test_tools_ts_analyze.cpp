@@ -81,8 +81,8 @@ std::string writeTemp(const std::vector<uint8_t>& bytes) {
     return name;
 }
 
-const char* const kPriority1[] = {"TS_sync_loss", "Sync_byte_error", "PAT_error", "PAT_error_2",
-                                  "Continuity_count_error", "PMT_error", "PMT_error_2", "PID_error"};
+const char* const kPriority1[] = {"TS_sync_loss",           "Sync_byte_error", "PAT_error",   "PAT_error_2",
+                                  "Continuity_count_error", "PMT_error",       "PMT_error_2", "PID_error"};
 
 struct capture_case {
     const char* name;
@@ -130,9 +130,8 @@ TEST_P(TsAnalyzeOnCapture, PidFiguresAndRateAgreeWithTheIndependentAnalysis) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Captures, TsAnalyzeOnCapture,
-                         ::testing::Values(capture_case{"live-012", "--bitrate 2000000"},
-                                           capture_case{"live-025", ""}, capture_case{"live-072", ""},
-                                           capture_case{"live-139", ""}),
+                         ::testing::Values(capture_case{"live-012", "--bitrate 2000000"}, capture_case{"live-025", ""},
+                                           capture_case{"live-072", ""}, capture_case{"live-139", ""}),
                          [](const ::testing::TestParamInfo<capture_case>& info) {
                              std::string name = info.param.name;
                              return name.substr(5);
@@ -168,8 +167,7 @@ TEST(TsAnalyze, PidTimeoutOption) {
     stream.drop_pid(ts_fault_stream::data_pid, 1000, 5000);
     const std::string file = writeTemp(stream.bytes());
     EXPECT_EQ(analyse(vq_test::shell_quote(file), 0)["tr101290"]["PID_error"].get<uint64_t>(), 0u);
-    EXPECT_EQ(analyse("--pid-timeout 1 " + vq_test::shell_quote(file), 1)["tr101290"]["PID_error"].get<uint64_t>(),
-              1u);
+    EXPECT_EQ(analyse("--pid-timeout 1 " + vq_test::shell_quote(file), 1)["tr101290"]["PID_error"].get<uint64_t>(), 1u);
     unlink(file.c_str());
 }
 
@@ -198,7 +196,7 @@ TEST(TsAnalyze, UsageAndReadErrorsGiveStatusTwo) {
 std::vector<uint8_t> packedEitStream() {
     std::vector<std::vector<uint8_t>> sections;
     for (uint16_t sid = 1; sid <= 6; ++sid) {
-        std::vector<uint8_t> body = {0x4E, 0xF0, 0, 0, static_cast<uint8_t>(sid), 0xC1, 0, 1, 0x00, 0x01,
+        std::vector<uint8_t> body = {0x4E, 0xF0, 0, 0,   static_cast<uint8_t>(sid), 0xC1, 0, 1, 0x00, 0x01,
                                      0x00, 0x01, 1, 0x4E};
         if (sid == 5)
             body.insert(body.end(), {0x00, 0x01, 0xE9, 0x3C, 0x12, 0x00, 0x00, 0x01, 0x00, 0x00, 0x81, 0x2C});

@@ -96,12 +96,9 @@ struct described_type {
     const char* our_name;
 };
 const described_type kDescribedTypes[] = {
-    {"AVC video", 0x1B, "AVC video (H.264)"},
-    {"MPEG-2 Video", 0x02, "MPEG-2 video"},
-    {"MPEG-1 Audio", 0x03, "MPEG-1 audio"},
-    {"MPEG-2 Audio", 0x04, "MPEG-2 audio"},
-    {"Teletext", 0x06, "PES private data"},
-    {"DTS-HD Master Audio", 0x86, "DTS-HD Master Audio (HDMV)"},
+    {"AVC video", 0x1B, "AVC video (H.264)"}, {"MPEG-2 Video", 0x02, "MPEG-2 video"},
+    {"MPEG-1 Audio", 0x03, "MPEG-1 audio"},   {"MPEG-2 Audio", 0x04, "MPEG-2 audio"},
+    {"Teletext", 0x06, "PES private data"},   {"DTS-HD Master Audio", 0x86, "DTS-HD Master Audio (HDMV)"},
 };
 
 const json* find_stream(const std::vector<json>& tables, unsigned pid) {
@@ -205,8 +202,8 @@ INSTANTIATE_TEST_SUITE_P(Captures, TsTablesOnCapture,
                          ::testing::Values("live-012", "live-025", "live-072", "live-139"));
 
 TEST(TsTables, TextOutputNamesWhatItDecodes) {
-    const auto result = vq_test::run_tool(std::string(TS_TABLES_PATH) + " " +
-                                          vq_test::shell_quote(vq_test::dataPath("live-025.ts")));
+    const auto result =
+        vq_test::run_tool(std::string(TS_TABLES_PATH) + " " + vq_test::shell_quote(vq_test::dataPath("live-025.ts")));
     ASSERT_EQ(result.status, 0);
     EXPECT_NE(result.output.find("service_name: P1.1"), std::string::npos) << result.output;
     EXPECT_NE(result.output.find("running_status: 4 [running]"), std::string::npos);
@@ -616,14 +613,22 @@ class TsTablesOnTexts : public ::testing::Test {
 protected:
     // Service names as sent (character table selector first) and as printed.
     const std::vector<std::pair<std::string, std::string>> kNames = {
-        {"Caf\xC2" "e", "Caf\xC3\xA9"},                                        // ISO 6937: Café
-        {"\x01\xB0\xB1", "\xD0\x90\xD0\x91"},                                  // ISO 8859-5: АБ
-        {std::string("\x10\x00\x07\xC1", 4), "\xCE\x91"},                      // ISO 8859-7: Α
-        {std::string("\x11\x04\x10\xE0\x8A\x00" "A", 7), "\xD0\x90\nA"},       // UCS-2
-        {"\x13\xD6\xD0\xCE\xC4", "\xE4\xB8\xAD\xE6\x96\x87"},                  // GB 2312: 中文
-        {"\x14\xA4\xA4\xA4\xE5", "\xE4\xB8\xAD\xE6\x96\x87"},                  // Big5: 中文
-        {"\x15\xE2\x82\xAC 1", "\xE2\x82\xAC 1"},                              // UTF-8: € 1
-        {"\x86" "Bold\x87\x8A" "next", "Bold\nnext"},                          // control codes
+        {"Caf\xC2"
+         "e",
+         "Caf\xC3\xA9"},                                   // ISO 6937: Café
+        {"\x01\xB0\xB1", "\xD0\x90\xD0\x91"},              // ISO 8859-5: АБ
+        {std::string("\x10\x00\x07\xC1", 4), "\xCE\x91"},  // ISO 8859-7: Α
+        {std::string("\x11\x04\x10\xE0\x8A\x00"
+                     "A",
+                     7),
+         "\xD0\x90\nA"},                                       // UCS-2
+        {"\x13\xD6\xD0\xCE\xC4", "\xE4\xB8\xAD\xE6\x96\x87"},  // GB 2312: 中文
+        {"\x14\xA4\xA4\xA4\xE5", "\xE4\xB8\xAD\xE6\x96\x87"},  // Big5: 中文
+        {"\x15\xE2\x82\xAC 1", "\xE2\x82\xAC 1"},              // UTF-8: € 1
+        {"\x86"
+         "Bold\x87\x8A"
+         "next",
+         "Bold\nnext"},  // control codes
     };
 
     void SetUp() override {
@@ -697,4 +702,3 @@ TEST_F(TsTablesOnTexts, ServiceNamesInEveryCharacterTableArePrintedAsUtf8) {
 }
 
 }  // namespace
-

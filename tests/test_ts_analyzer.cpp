@@ -95,8 +95,8 @@ std::vector<uint8_t> eitOtherSection(uint8_t number) {
 const std::vector<uint8_t> kRstSection{0x71, 0x70, 0x09, 0, 1, 0, 1, 0, 1, 0, 1, 0xF4};
 const std::vector<uint8_t> kTdtSection{0x70, 0x70, 0x05, 0xE9, 0x3C, 0x12, 0x00, 0x00};
 
-constexpr size_t k12s = 30000;   // packets: longer than the 10 s limits
-constexpr size_t k33s = 82500;   // longer than the TDT's 30 s
+constexpr size_t k12s = 30000;  // packets: longer than the 10 s limits
+constexpr size_t k33s = 82500;  // longer than the TDT's 30 s
 
 std::vector<fault_case> faultCases() {
     CTsAnalyzer::options shortPidTimeout;
@@ -106,8 +106,7 @@ std::vector<fault_case> faultCases() {
         {"LostPacket", [](ts_fault_stream& s) { s.lose_packet(1010); }, {{"Continuity_count_error", 1}}},
         {"RepeatedPacket", [](ts_fault_stream& s) { s.send_again(1040, 1); }, {}},
         {"ThriceSentPacket", [](ts_fault_stream& s) { s.send_again(1040, 2); }, {{"Continuity_count_error", 1}}},
-        {"FourTimesSentPacket", [](ts_fault_stream& s) { s.send_again(1040, 3); },
-         {{"Continuity_count_error", 2}}},
+        {"FourTimesSentPacket", [](ts_fault_stream& s) { s.send_again(1040, 3); }, {{"Continuity_count_error", 2}}},
         {"BadSyncBytesApart",
          [](ts_fault_stream& s) {
              s.break_sync_byte(2000);
@@ -122,30 +121,41 @@ std::vector<fault_case> faultCases() {
          },
          {{"Sync_byte_error", 2}, {"TS_sync_loss", 1}}},
         {"PatGap", [](ts_fault_stream& s) { s.drop_pid(0, 1000, 2500); }, {{"PAT_error", 1}, {"PAT_error_2", 1}}},
-        {"PmtGap", [](ts_fault_stream& s) { s.drop_pid(ts_fault_stream::pmt_pid, 1000, 2500); },
+        {"PmtGap",
+         [](ts_fault_stream& s) { s.drop_pid(ts_fault_stream::pmt_pid, 1000, 2500); },
          {{"PMT_error", 1}, {"PMT_error_2", 1}}},
-        {"PidGap", [](ts_fault_stream& s) { s.drop_pid(ts_fault_stream::data_pid, 1000, 5000); },
-         {{"PID_error", 1}}, shortPidTimeout},
-        {"PcrGap", [](ts_fault_stream& s) { s.drop_pcrs(1100, 1300); },
+        {"PidGap",
+         [](ts_fault_stream& s) { s.drop_pid(ts_fault_stream::data_pid, 1000, 5000); },
+         {{"PID_error", 1}},
+         shortPidTimeout},
+        {"PcrGap",
+         [](ts_fault_stream& s) { s.drop_pcrs(1100, 1300); },
          {{"PCR_repetition_error", 1}, {"PCR_discontinuity_indicator_error", 1}, {"PCR_error", 2}}},
         {"PtsGap", [](ts_fault_stream& s) { s.drop_pts(1000, 3000); }, {{"PTS_error", 1}}},
         {"SdtGap", [](ts_fault_stream& s) { s.drop_pid(0x11, 1000, 7000); }, {{"SDT_actual_error", 1}}},
         {"EitGap", [](ts_fault_stream& s) { s.drop_pid(0x12, 1000, 7000); }, {{"EIT_actual_error", 1}}},
         {"EitFollowingMissing", [](ts_fault_stream& s) { s.drop_eit_section(1); }, {{"EIT_PF_error", 1}}},
-        {"SdtTooOften", [](ts_fault_stream& s) { s.add_section(1265, 0x11, ts_fault_stream::sdt_section()); },
+        {"SdtTooOften",
+         [](ts_fault_stream& s) { s.add_section(1265, 0x11, ts_fault_stream::sdt_section()); },
          {{"SDT_actual_error", 1}, {"SI_repetition_error", 1}}},
-        {"WrongTableIdOnPid0", [](ts_fault_stream& s) { s.add_section(1070, 0, ts_fault_stream::sdt_section()); },
+        {"WrongTableIdOnPid0",
+         [](ts_fault_stream& s) { s.add_section(1070, 0, ts_fault_stream::sdt_section()); },
          {{"PAT_error", 1}, {"PAT_error_2", 1}}},
         {"ShortSectionOnPid0",
-         [](ts_fault_stream& s) { s.add_section(1070, 0, {0x70, 0x70, 0x05, 0xE9, 0x3C, 0x12, 0x00, 0x00}); },
+         [](ts_fault_stream& s) {
+             s.add_section(1070, 0, {0x70, 0x70, 0x05, 0xE9, 0x3C, 0x12, 0x00, 0x00});
+         },
          {{"PAT_error", 1}, {"PAT_error_2", 1}}},
-        {"WrongTableIdOnPid1", [](ts_fault_stream& s) { s.add_section(1070, 1, ts_fault_stream::sdt_section()); },
+        {"WrongTableIdOnPid1",
+         [](ts_fault_stream& s) { s.add_section(1070, 1, ts_fault_stream::sdt_section()); },
          {{"CAT_error", 1}}},
-        {"WrongTableIdOnNitPid", [](ts_fault_stream& s) { s.add_section(1070, 0x10, ts_fault_stream::sdt_section()); },
+        {"WrongTableIdOnNitPid",
+         [](ts_fault_stream& s) { s.add_section(1070, 0x10, ts_fault_stream::sdt_section()); },
          {{"NIT_error", 1}}},
         {"TransportErrorIndicator", [](ts_fault_stream& s) { s.set_tei(1020); }, {{"Transport_error", 1}}},
         {"BadCrc", [](ts_fault_stream& s) { s.break_crc(1255); }, {{"CRC_error", 1}}},
-        {"PcrJumpWithoutIndicator", [](ts_fault_stream& s) { s.shift_pcrs(2000, 27000000, false); },
+        {"PcrJumpWithoutIndicator",
+         [](ts_fault_stream& s) { s.shift_pcrs(2000, 27000000, false); },
          {{"PCR_discontinuity_indicator_error", 1}, {"PCR_error", 1}}},
         {"PcrJumpWithIndicator", [](ts_fault_stream& s) { s.shift_pcrs(2000, 27000000, true); }, {}},
         {"PcrOffBy2us", [](ts_fault_stream& s) { s.offset_pcr(s.find_pcr(2000), 54); }, {{"PCR_accuracy_error", 1}}},
@@ -165,25 +175,39 @@ std::vector<fault_case> faultCases() {
          {}},
         {"UnreferencedPid", [](ts_fault_stream& s) { s.add_unreferenced_pid(); }, {{"Unreferenced_PID", 1}}},
         // A NIT every second, then none for 11 s.
-        {"NitActualGap", [](ts_fault_stream& s) { s.drop_pid(0x10, 1000, 26000); },
-         {{"NIT_error", 1}, {"NIT_actual_error", 1}}, {}, k12s},
-        {"NitActualTooOften", [](ts_fault_stream& s) { s.add_section(60, 0x10, siSection(0x40, 1)); },
+        {"NitActualGap",
+         [](ts_fault_stream& s) { s.drop_pid(0x10, 1000, 26000); },
+         {{"NIT_error", 1}, {"NIT_actual_error", 1}},
+         {},
+         k12s},
+        {"NitActualTooOften",
+         [](ts_fault_stream& s) { s.add_section(60, 0x10, siSection(0x40, 1)); },
          {{"NIT_actual_error", 1}, {"SI_repetition_error", 1}}},
         // An "other" table seen once at 0.43 s: the gap still open at 12 s counts.
-        {"NitOtherGap", [](ts_fault_stream& s) { s.add_section(1070, 0x10, siSection(0x41, 2)); },
-         {{"NIT_other_error", 1}}, {}, k12s},
+        {"NitOtherGap",
+         [](ts_fault_stream& s) { s.add_section(1070, 0x10, siSection(0x41, 2)); },
+         {{"NIT_other_error", 1}},
+         {},
+         k12s},
         {"NitOtherWithinItsLimit", [](ts_fault_stream& s) { s.add_section(1070, 0x10, siSection(0x41, 2)); }, {}},
-        {"SdtOtherGap", [](ts_fault_stream& s) { s.add_section(1070, 0x11, siSection(0x46, 2)); },
-         {{"SDT_other_error", 1}}, {}, k12s},
-        {"WrongTableIdOnSdtPid", [](ts_fault_stream& s) { s.add_section(1070, 0x11, siSection(0x40, 1)); },
+        {"SdtOtherGap",
+         [](ts_fault_stream& s) { s.add_section(1070, 0x11, siSection(0x46, 2)); },
+         {{"SDT_other_error", 1}},
+         {},
+         k12s},
+        {"WrongTableIdOnSdtPid",
+         [](ts_fault_stream& s) { s.add_section(1070, 0x11, siSection(0x40, 1)); },
          {{"SDT_error", 1}}},
         {"EitOtherGap",
          [](ts_fault_stream& s) {
              s.add_section(1070, 0x12, eitOtherSection(0));
              s.add_section(1071, 0x12, eitOtherSection(1));
          },
-         {{"EIT_other_error", 1}}, {}, k12s},
-        {"WrongTableIdOnEitPid", [](ts_fault_stream& s) { s.add_section(1070, 0x12, ts_fault_stream::sdt_section()); },
+         {{"EIT_other_error", 1}},
+         {},
+         k12s},
+        {"WrongTableIdOnEitPid",
+         [](ts_fault_stream& s) { s.add_section(1070, 0x12, ts_fault_stream::sdt_section()); },
          {{"EIT_error", 1}}},
         {"RstOnce", [](ts_fault_stream& s) { s.add_section(1070, 0x13, kRstSection); }, {}},
         {"RstTooOften",
@@ -192,13 +216,16 @@ std::vector<fault_case> faultCases() {
              s.add_section(1071, 0x13, kRstSection);
          },
          {{"RST_error", 1}, {"SI_repetition_error", 1}}},
-        {"WrongTableIdOnRstPid", [](ts_fault_stream& s) { s.add_section(1070, 0x13, ts_fault_stream::sdt_section()); },
+        {"WrongTableIdOnRstPid",
+         [](ts_fault_stream& s) { s.add_section(1070, 0x13, ts_fault_stream::sdt_section()); },
          {{"RST_error", 1}}},
         // A TDT every second, then none for 32 s.
         {"TdtGap", [](ts_fault_stream& s) { s.drop_pid(0x14, 1000, 78000); }, {{"TDT_error", 1}}, {}, k33s},
-        {"TdtTooOften", [](ts_fault_stream& s) { s.add_section(60, 0x14, kTdtSection); },
+        {"TdtTooOften",
+         [](ts_fault_stream& s) { s.add_section(60, 0x14, kTdtSection); },
          {{"TDT_error", 1}, {"SI_repetition_error", 1}}},
-        {"WrongTableIdOnTdtPid", [](ts_fault_stream& s) { s.add_section(1070, 0x14, ts_fault_stream::sdt_section()); },
+        {"WrongTableIdOnTdtPid",
+         [](ts_fault_stream& s) { s.add_section(1070, 0x14, ts_fault_stream::sdt_section()); },
          {{"TDT_error", 1}}},
     };
 }
@@ -302,8 +329,7 @@ TEST(Analyzer, ResynchronisesAcrossGarbageAndSplitRuns) {
 
 TEST(Analyzer, NamesAndPrioritiesOfTheChecks) {
     EXPECT_STREQ(tr101290_name(tr101290_check::TS_sync_loss), "TS_sync_loss");
-    EXPECT_STREQ(tr101290_name(tr101290_check::PCR_discontinuity_indicator_error),
-                 "PCR_discontinuity_indicator_error");
+    EXPECT_STREQ(tr101290_name(tr101290_check::PCR_discontinuity_indicator_error), "PCR_discontinuity_indicator_error");
     EXPECT_STREQ(tr101290_name(tr101290_check::TDT_error), "TDT_error");
     EXPECT_EQ(tr101290_priority(tr101290_check::PID_error), 1);
     EXPECT_EQ(tr101290_priority(tr101290_check::CAT_error), 2);

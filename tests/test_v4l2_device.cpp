@@ -255,9 +255,9 @@ TEST(V4l2AsiDevice, HandedOutBufferStaysWithTheApplicationUntilTheNextFrame) {
 }
 
 TEST(V4l2AsiDevice, SignalStateFollowsTheReceiverErrors) {
-    const std::pair<const char*, vq_signal_state> cases[] = {
-        {"ok", vq_ok},          {"nodata", vq_no_data}, {"nolink", vq_no_link},
-        {"nolock", vq_no_lock}, {"range", vq_range},    {"unknown", vq_unknown}};
+    const std::pair<const char*, vq_signal_state> cases[] = {{"ok", vq_ok},          {"nodata", vq_no_data},
+                                                             {"nolink", vq_no_link}, {"nolock", vq_no_lock},
+                                                             {"range", vq_range},    {"unknown", vq_unknown}};
     for (const auto& c : cases) {
         scoped_env env(settings({{"VQASISIM_SIGNAL", c.first}}));
         vq_v4l2_asi_input_device dev;
@@ -343,8 +343,7 @@ TEST(V4l2AsiDeviceMessages, OpenRefused) {
 }
 
 TEST(V4l2AsiDeviceMessages, FormatQueryRefusedForBothTypes) {
-    EXPECT_EQ(device_messages({{"VQASISIM_FAIL", "G_FMT"}}, false),
-              kOpened + "vqasicapture: Can't get VIDIOC_G_FMT\n");
+    EXPECT_EQ(device_messages({{"VQASISIM_FAIL", "G_FMT"}}, false), kOpened + "vqasicapture: Can't get VIDIOC_G_FMT\n");
 }
 
 TEST(V4l2AsiDeviceMessages, FormatQueryRefusedBeforeMapping) {
@@ -353,8 +352,7 @@ TEST(V4l2AsiDeviceMessages, FormatQueryRefusedBeforeMapping) {
 }
 
 TEST(V4l2AsiDeviceMessages, SetFormatRefused) {
-    EXPECT_EQ(device_messages({{"VQASISIM_FAIL", "S_FMT"}}, false),
-              kOpened + "vqasicapture: Can't get VIDIOC_S_FMT\n");
+    EXPECT_EQ(device_messages({{"VQASISIM_FAIL", "S_FMT"}}, false), kOpened + "vqasicapture: Can't get VIDIOC_S_FMT\n");
 }
 
 TEST(V4l2AsiDeviceMessages, BufferRequestRefused) {
@@ -370,10 +368,10 @@ TEST(V4l2AsiDeviceMessages, SinglePlanarBufferQueryRefused) {
 }
 
 TEST(V4l2AsiDeviceMessages, MultiPlanarBufferQueryRefused) {
-    EXPECT_EQ(device_messages({{"VQASISIM_FAIL", "QUERYBUF"}, {"VQASISIM_MPLANE", "1"}, {"VQASISIM_BUFFERS", "8"}},
-                              false),
-              kOpened + "vqasicapture: Can't map mplane buffer #1/8 - VIDIOC_QUERYBUF error\n" +
-                  "vqasicapture: Can't map video buffers\n");
+    EXPECT_EQ(
+        device_messages({{"VQASISIM_FAIL", "QUERYBUF"}, {"VQASISIM_MPLANE", "1"}, {"VQASISIM_BUFFERS", "8"}}, false),
+        kOpened + "vqasicapture: Can't map mplane buffer #1/8 - VIDIOC_QUERYBUF error\n" +
+            "vqasicapture: Can't map video buffers\n");
 }
 
 TEST(V4l2AsiDeviceMessages, MultiPlanarMappingFailureIsNotFatal) {
@@ -382,7 +380,7 @@ TEST(V4l2AsiDeviceMessages, MultiPlanarMappingFailureIsNotFatal) {
     vq_v4l2_asi_input_device dev;
     ASSERT_TRUE(dev.open_device(kDevice));
     EXPECT_EQ(capture.str(), kOpened + "vqasicapture: Can't map field[0] for bufer #3/4\n" +
-                                  "vqasicapture: Can't map field[0] for bufer #4/4\n");
+                                 "vqasicapture: Can't map field[0] for bufer #4/4\n");
     ASSERT_EQ(dev.buffers().size(), 4u);
     EXPECT_NE(dev.buffers()[0].pData, nullptr);
     EXPECT_EQ(dev.buffers()[2].pData, nullptr);

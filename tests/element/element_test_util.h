@@ -224,8 +224,8 @@ public:
     // Takes the error and warning messages queued so far.
     std::vector<std::string> take() {
         std::vector<std::string> lines;
-        while (GstMessage* msg = gst_bus_pop_filtered(
-                   m_bus, static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING))) {
+        while (GstMessage* msg =
+                   gst_bus_pop_filtered(m_bus, static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING))) {
             GError* error = nullptr;
             gchar* debug = nullptr;
             if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR)

@@ -128,9 +128,7 @@ std::vector<uint8_t> makeAuxiliaryPacket(uint8_t packetCount, uint8_t frameIdx, 
     return makeT2miPacket(0x01, packetCount, 0, payload);
 }
 
-void corruptCrc32(std::vector<uint8_t>& t2miPacket) {
-    t2miPacket.back() ^= 0x01;
-}
+void corruptCrc32(std::vector<uint8_t>& t2miPacket) { t2miPacket.back() ^= 0x01; }
 
 void setPayloadLength(std::vector<uint8_t>& t2miPacket, uint16_t bits) {
     t2miPacket[4] = static_cast<uint8_t>(bits >> 8);

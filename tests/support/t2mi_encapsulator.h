@@ -68,8 +68,8 @@ struct CarrierOptions {
 // Kind of each packet made by encapsulate, for tests that pick one to damage.
 struct T2miPacketInfo {
     uint8_t packetType = 0;
-    uint8_t plpId = 0;       // baseband frames only
-    size_t frameOfPlp = 0;   // index of the frame within its PLP
+    uint8_t plpId = 0;      // baseband frames only
+    size_t frameOfPlp = 0;  // index of the frame within its PLP
 };
 
 // T2-MI packets for the PLPs, their frames interleaved round robin.
@@ -82,10 +82,10 @@ struct CarrierTsOptions {
     uint16_t programNumber = 1;
     // PMT streams as (stream_type, elementary_PID); empty: one stream of type 0x06 on t2miPid.
     std::vector<std::pair<uint8_t, uint16_t>> pmtStreams;
-    bool packed = false;        // packets back to back, a pointer field marking each start
-    size_t psiEvery = 0;        // PAT and PMT again every N carrier packets (0: only at the start)
+    bool packed = false;             // packets back to back, a pointer field marking each start
+    size_t psiEvery = 0;             // PAT and PMT again every N carrier packets (0: only at the start)
     size_t badPointerAt = SIZE_MAX;  // T2-MI packet whose start gets a pointer field past the payload
-    bool flushAtEnd = true;     // a last unit start so that the final T2-MI packet is complete
+    bool flushAtEnd = true;          // a last unit start so that the final T2-MI packet is complete
 };
 
 // A section with the long header (version 0, current, section 0 of 0), the
@@ -94,7 +94,8 @@ std::vector<uint8_t> makeLongSection(uint8_t tableId, uint16_t tableIdExtension,
 // PAT of one program, and a PMT with its streams as (stream_type, elementary_PID).
 std::vector<uint8_t> makePatSection(uint16_t programNumber, uint16_t pmtPid);
 std::vector<uint8_t> makePmtSection(uint16_t programNumber, const std::vector<std::pair<uint8_t, uint16_t>>& streams,
-                                    uint16_t pcrPid = mpegcore::kPidNull, const std::vector<uint8_t>& programDescriptors = {});
+                                    uint16_t pcrPid = mpegcore::kPidNull,
+                                    const std::vector<uint8_t>& programDescriptors = {});
 // One TS packet; a payload shorter than 184 bytes is preceded by adaptation field stuffing.
 std::vector<uint8_t> makeTsPacket(uint16_t pid, uint8_t cc, bool unitStart, const std::vector<uint8_t>& payload);
 // One TS packet holding a whole section after a pointer field of 0.

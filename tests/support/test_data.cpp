@@ -7,9 +7,7 @@
 
 namespace vq_test {
 
-std::string dataPath(const std::string& name) {
-    return std::string(VQ_TEST_DATA_DIR) + "/" + name;
-}
+std::string dataPath(const std::string& name) { return std::string(VQ_TEST_DATA_DIR) + "/" + name; }
 
 std::vector<uint8_t> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -14,17 +14,13 @@ constexpr uint64_t kPtsStart = 90000ULL * 1000;
 constexpr uint64_t kPcrPerPacket = 10800;  // 0.4 ms at 27 MHz
 constexpr uint64_t kPtsPerPacket = 36;     // 0.4 ms at 90 kHz
 
-std::vector<uint8_t> patSection() {
-    return withCrc({0x00, 0xB0, 0, 0x00, 0x01, 0xC1, 0, 0, 0x00, 0x01, 0xE1, 0x00});
-}
+std::vector<uint8_t> patSection() { return withCrc({0x00, 0xB0, 0, 0x00, 0x01, 0xC1, 0, 0, 0x00, 0x01, 0xE1, 0x00}); }
 std::vector<uint8_t> pmtSection() {
-    return withCrc({0x02, 0xB0, 0, 0x00, 0x01, 0xC1, 0, 0, 0xE1, 0x01, 0xF0, 0x00,  //
+    return withCrc({0x02, 0xB0, 0,    0x00, 0x01, 0xC1, 0,    0,    0xE1, 0x01, 0xF0, 0x00,  //
                     0x02, 0xE1, 0x01, 0xF0, 0x00, 0x06, 0xE1, 0x02, 0xF0, 0x00});
 }
 std::vector<uint8_t> catSection() { return withCrc({0x01, 0xB0, 0, 0xFF, 0xFF, 0xC1, 0, 0}); }
-std::vector<uint8_t> nitSection() {
-    return withCrc({0x40, 0xF0, 0, 0x00, 0x01, 0xC1, 0, 0, 0xF0, 0x00, 0xF0, 0x00});
-}
+std::vector<uint8_t> nitSection() { return withCrc({0x40, 0xF0, 0, 0x00, 0x01, 0xC1, 0, 0, 0xF0, 0x00, 0xF0, 0x00}); }
 std::vector<uint8_t> eitSection(uint8_t number) {
     return withCrc({0x4E, 0xF0, 0, 0x00, 0x01, 0xC1, number, 1, 0x00, 0x01, 0x00, 0x01, 1, 0x4E});
 }
@@ -57,15 +53,18 @@ ts_fault_stream::ts_fault_stream(size_t packets) : m_slots(packets) {
         else if (k % 250 == 50) {
             // Private PES without PTS.
             s.bytes.fill(0xAA);
-            const uint8_t head[] = {0x47, 0x40 | (data_pid >> 8), data_pid & 0xFF, 0x10,
-                                    0x00, 0x00, 0x01, 0xBD, 0x00, 0x00, 0x80, 0x00, 0x00};
+            const uint8_t head[] = {
+                0x47, 0x40 | (data_pid >> 8), data_pid & 0xFF, 0x10, 0x00, 0x00, 0x01, 0xBD, 0x00, 0x00, 0x80, 0x00,
+                0x00};
             std::copy(std::begin(head), std::end(head), s.bytes.begin());
         } else
             setNull(s);
     }
 }
 
-uint16_t ts_fault_stream::pidOf(const slot& s) { return static_cast<uint16_t>(((s.bytes[1] & 0x1F) << 8) | s.bytes[2]); }
+uint16_t ts_fault_stream::pidOf(const slot& s) {
+    return static_cast<uint16_t>(((s.bytes[1] & 0x1F) << 8) | s.bytes[2]);
+}
 
 void ts_fault_stream::setNull(slot& s) {
     s.bytes.fill(0xFF);
@@ -115,9 +114,19 @@ void ts_fault_stream::setVideo(slot& s, size_t index, bool start) {
     s.bytes[4] = 7;
     writePcr(s, kPcrStart + index * kPcrPerPacket, false);
     const uint64_t pts = kPtsStart + index * kPtsPerPacket;
-    const uint8_t pes[] = {0x00, 0x00, 0x01, 0xE0, 0x00, 0x00, 0x80, 0x80, 0x05,
-                           static_cast<uint8_t>(0x21 | ((pts >> 29) & 0x0E)), static_cast<uint8_t>(pts >> 22),
-                           static_cast<uint8_t>(((pts >> 14) & 0xFE) | 1), static_cast<uint8_t>(pts >> 7),
+    const uint8_t pes[] = {0x00,
+                           0x00,
+                           0x01,
+                           0xE0,
+                           0x00,
+                           0x00,
+                           0x80,
+                           0x80,
+                           0x05,
+                           static_cast<uint8_t>(0x21 | ((pts >> 29) & 0x0E)),
+                           static_cast<uint8_t>(pts >> 22),
+                           static_cast<uint8_t>(((pts >> 14) & 0xFE) | 1),
+                           static_cast<uint8_t>(pts >> 7),
                            static_cast<uint8_t>(((pts << 1) & 0xFE) | 1)};
     std::copy(std::begin(pes), std::end(pes), s.bytes.begin() + 12);
 }
@@ -217,7 +226,9 @@ void ts_fault_stream::offset_pcr(size_t k, int64_t ticks) {
     writePcr(m_slots[k], readPcr(m_slots[k]) + static_cast<uint64_t>(ticks), false);
 }
 
-void ts_fault_stream::scramble(size_t k) { m_slots[k].bytes[3] = static_cast<uint8_t>((m_slots[k].bytes[3] & 0x3F) | 0x80); }
+void ts_fault_stream::scramble(size_t k) {
+    m_slots[k].bytes[3] = static_cast<uint8_t>((m_slots[k].bytes[3] & 0x3F) | 0x80);
+}
 
 void ts_fault_stream::add_cat() {
     for (size_t k = 0; k < m_slots.size(); k += 1250)

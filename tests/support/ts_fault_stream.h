@@ -32,20 +32,20 @@ public:
     size_t size() const { return m_slots.size(); }
 
     // Faults; `slot` counts packets from the start.
-    void lose_packet(size_t slot);              // a video packet becomes a null packet
-    void send_again(size_t slot, int copies);   // copies of a video packet in the null slots after it
+    void lose_packet(size_t slot);             // a video packet becomes a null packet
+    void send_again(size_t slot, int copies);  // copies of a video packet in the null slots after it
     void break_sync_byte(size_t slot);
     void drop_pid(uint16_t pid, size_t from, size_t to);  // its packets in [from, to) become null
     void drop_pcrs(size_t from, size_t to);
     void drop_pts(size_t from, size_t to);
     void set_tei(size_t slot);
-    void break_crc(size_t slot);                // a section packet's CRC
+    void break_crc(size_t slot);                                 // a section packet's CRC
     void shift_pcrs(size_t from, int64_t ticks, bool announce);  // every PCR from slot `from` on
     void offset_pcr(size_t slot, int64_t ticks);                 // one PCR
     void scramble(size_t slot);
-    void add_cat();                            // a CAT every 500 ms
+    void add_cat();                                                             // a CAT every 500 ms
     void add_section(size_t slot, uint16_t pid, std::vector<uint8_t> section);  // in a null slot
-    void add_unreferenced_pid();               // packets on unreferenced_pid every 100 ms
+    void add_unreferenced_pid();  // packets on unreferenced_pid every 100 ms
     void drop_eit_section(uint8_t number);
 
     // Slot of the first packet at or after `from` on pid (size() if none).

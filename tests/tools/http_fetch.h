@@ -14,8 +14,7 @@ struct http_reply {
 
 // Fetches url; `options` are more curl options (-X POST, -H ...).
 inline http_reply http_fetch(const std::string& url, const std::string& options = std::string()) {
-    const tool_result result =
-        run_tool("curl -s -m 10 -o - -w '\\n%{http_code}' " + options + " " + shell_quote(url));
+    const tool_result result = run_tool("curl -s -m 10 -o - -w '\\n%{http_code}' " + options + " " + shell_quote(url));
     http_reply reply;
     const auto newline = result.output.rfind('\n');
     if (newline == std::string::npos)

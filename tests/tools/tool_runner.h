@@ -13,8 +13,8 @@
 namespace vq_test {
 
 struct tool_result {
-    int status = -1;       // exit status, or -1 when the command did not exit normally
-    std::string output;    // standard output (and standard error when merged)
+    int status = -1;     // exit status, or -1 when the command did not exit normally
+    std::string output;  // standard output (and standard error when merged)
 
     std::vector<std::string> lines() const {
         std::vector<std::string> out;

@@ -186,7 +186,8 @@ protected:
         output* out = output_of(plp);
         if (!out)
             return;
-        if (std::fwrite(&mpegcore::kSyncByte, 1, 1, out->file.get()) != 1 || std::fwrite(data, 1, size, out->file.get()) != size) {
+        if (std::fwrite(&mpegcore::kSyncByte, 1, 1, out->file.get()) != 1 ||
+            std::fwrite(data, 1, size, out->file.get()) != size) {
             m_error = "cannot write " + out->path + ": " + std::strerror(errno);
             return;
         }
@@ -256,8 +257,8 @@ int extract(const std::string& in, const std::string& out, int plp, int pid) {
         return 1;
     const bool written = writer->finish();
     for (const auto& output : writer->outputs())
-        std::fprintf(stderr, "t2mi-extract: PLP %u: %lu packets written to %s\n", output.first,
-                     output.second.packets, output.second.path.c_str());
+        std::fprintf(stderr, "t2mi-extract: PLP %u: %lu packets written to %s\n", output.first, output.second.packets,
+                     output.second.path.c_str());
     if (!written) {
         std::fprintf(stderr, "t2mi-extract: %s\n", writer->error().c_str());
         return 1;

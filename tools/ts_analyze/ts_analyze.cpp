@@ -80,15 +80,18 @@ json toJson(const CTsAnalyzer& analyzer) {
     json tables = json::array();
     for (const auto& t : analyzer.table_figures()) {
         auto ms = [](int64_t v) { return v < 0 ? json(nullptr) : json(v); };
-        tables.push_back({{"pid", t.pid}, {"table_id", t.table_id}, {"table_id_ext", t.table_id_ext},
-                          {"sections", t.sections}, {"repetition_ms_min", ms(t.repetition_ms_min)},
+        tables.push_back({{"pid", t.pid},
+                          {"table_id", t.table_id},
+                          {"table_id_ext", t.table_id_ext},
+                          {"sections", t.sections},
+                          {"repetition_ms_min", ms(t.repetition_ms_min)},
                           {"repetition_ms_max", ms(t.repetition_ms_max)}});
     }
     out["tables"] = tables;
     json services = json::array();
     for (const auto& s : analyzer.service_figures())
-        services.push_back({{"service_id", s.service_id}, {"pmt_pid", s.pmt_pid}, {"pcr_pid", s.pcr_pid},
-                            {"pids", s.pids}});
+        services.push_back(
+            {{"service_id", s.service_id}, {"pmt_pid", s.pmt_pid}, {"pcr_pid", s.pcr_pid}, {"pids", s.pids}});
     out["services"] = services;
     out["ts"] = stream_figures_json(analyzer.stream_figures());
     return out;
@@ -104,15 +107,16 @@ void printText(const CTsAnalyzer& analyzer, FILE* out) {
         }
     }
     const ts_stream_figures ts = analyzer.stream_figures();
-    std::fprintf(out, "Stream\n  packets %" PRIu64 ", bitrate %" PRIu64 " bit/s, duration %" PRIu64 " ms\n",
-                 ts.packets, ts.bitrate, ts.duration_ms);
-    std::fprintf(out, "PIDs\n  %6s %10s %10s %6s %6s %9s %6s %6s %6s %6s %7s\n", "pid", "packets", "bitrate",
-                 "cc", "dup", "scrambled", "tei", "pcr", "pts", "dts", "service");
+    std::fprintf(out, "Stream\n  packets %" PRIu64 ", bitrate %" PRIu64 " bit/s, duration %" PRIu64 " ms\n", ts.packets,
+                 ts.bitrate, ts.duration_ms);
+    std::fprintf(out, "PIDs\n  %6s %10s %10s %6s %6s %9s %6s %6s %6s %6s %7s\n", "pid", "packets", "bitrate", "cc",
+                 "dup", "scrambled", "tei", "pcr", "pts", "dts", "service");
     for (const auto& f : analyzer.pid_figures()) {
-        std::fprintf(out, "  %6u %10" PRIu64 " %10" PRIu64 " %6" PRIu64 " %6" PRIu64 " %9" PRIu64 " %6" PRIu64
-                          " %6" PRIu64 " %6" PRIu64 " %6" PRIu64 " %7s\n",
-                     f.pid, f.packets, f.bitrate, f.cc_errors, f.duplicates, f.scrambled, f.tei, f.pcr, f.pts,
-                     f.dts, f.service < 0 ? "-" : std::to_string(f.service).c_str());
+        std::fprintf(out,
+                     "  %6u %10" PRIu64 " %10" PRIu64 " %6" PRIu64 " %6" PRIu64 " %9" PRIu64 " %6" PRIu64 " %6" PRIu64
+                     " %6" PRIu64 " %6" PRIu64 " %7s\n",
+                     f.pid, f.packets, f.bitrate, f.cc_errors, f.duplicates, f.scrambled, f.tei, f.pcr, f.pts, f.dts,
+                     f.service < 0 ? "-" : std::to_string(f.service).c_str());
     }
     std::fprintf(out, "Tables\n  %6s %8s %8s %8s %10s %10s\n", "pid", "table_id", "ext", "sections", "rep_min_ms",
                  "rep_max_ms");

@@ -96,11 +96,11 @@ void describe_dvb_networks(const base_descriptor& d, report_node& n) {
             item.add("country_code", si_names::language_code(e->country_code));
             item.add("country_region_id", e->country_region_id);
             item.add("local_time_offset_polarity", e->local_time_offset_polarity);
-            item.add("local_time_offset", si_names::bcd_duration(static_cast<uint32_t>(e->local_time_offset) << 8)
-                                              .substr(0, 5));
+            item.add("local_time_offset",
+                     si_names::bcd_duration(static_cast<uint32_t>(e->local_time_offset) << 8).substr(0, 5));
             item.add("time_of_change", si_names::utc_time(e->time_of_change));
-            item.add("next_time_offset", si_names::bcd_duration(static_cast<uint32_t>(e->next_time_offset) << 8)
-                                             .substr(0, 5));
+            item.add("next_time_offset",
+                     si_names::bcd_duration(static_cast<uint32_t>(e->next_time_offset) << 8).substr(0, 5));
         }
     } else if (auto* pds = dynamic_cast<const private_data_specifier_descriptor*>(&d)) {
         n.add("private_data_specifier", pds->private_data_specifier, 8);
@@ -202,9 +202,9 @@ report_node describe_descriptor(const base_descriptor& descriptor) {
     if (typeid(descriptor) == typeid(base_descriptor)) {
         // A tag mpegcore does not model: the payload as it came.
         if (descriptor.descriptor_data.isValid())
-            n.add("data", si_names::hex_bytes(descriptor.descriptor_data.get(),
-                                              std::min<size_t>(descriptor.descriptor_data.size(),
-                                                               descriptor.descriptor_length)));
+            n.add("data", si_names::hex_bytes(
+                              descriptor.descriptor_data.get(),
+                              std::min<size_t>(descriptor.descriptor_data.size(), descriptor.descriptor_length)));
         return n;
     }
     describe_mpeg(descriptor, n);

@@ -70,9 +70,7 @@ std::string report_node::scalar_text() const {
     return out;
 }
 
-void report_node::to_text(std::ostream& out, unsigned indent) const {
-    write_text(out, indent, std::string());
-}
+void report_node::to_text(std::ostream& out, unsigned indent) const { write_text(out, indent, std::string()); }
 
 void report_node::write_text(std::ostream& out, unsigned indent, const std::string& firstLead) const {
     const std::string pad(indent, ' ');

@@ -27,8 +27,7 @@ public:
     // Members of an object, in insertion order; returns the added member.
     report_node& add(const std::string& key, report_node value);
     report_node& add(const std::string& key, const std::string& value) { return add(key, text(value)); }
-    report_node& add(const std::string& key, uint64_t value, unsigned hexDigits = 0,
-                     std::string name = std::string()) {
+    report_node& add(const std::string& key, uint64_t value, unsigned hexDigits = 0, std::string name = std::string()) {
         return add(key, number(value, hexDigits, std::move(name)));
     }
     // Elements of an array; returns the added element.
@@ -51,6 +50,6 @@ private:
     kind m_kind = kind::object;
     uint64_t m_number = 0;
     unsigned m_hexDigits = 0;
-    std::string m_text;  // the text, or a number's name
+    std::string m_text;                                          // the text, or a number's name
     std::vector<std::pair<std::string, report_node>> m_members;  // keys empty in arrays
 };

@@ -207,12 +207,8 @@ const code_name kDescriptorTags[] = {
 };
 
 const code_name kRunningStatus[] = {
-    {0, "undefined"},
-    {1, "not running"},
-    {2, "starts in a few seconds"},
-    {3, "pausing"},
-    {4, "running"},
-    {5, "service off-air"},
+    {0, "undefined"}, {1, "not running"}, {2, "starts in a few seconds"},
+    {3, "pausing"},   {4, "running"},     {5, "service off-air"},
 };
 
 const code_name kServiceTypes[] = {
@@ -279,9 +275,7 @@ std::string descriptor_tag(uint8_t tag) {
     return tag >= 0x80 ? "user defined" : "reserved";
 }
 
-std::string running_status(uint8_t status) {
-    return find_name(kRunningStatus, status, "reserved");
-}
+std::string running_status(uint8_t status) { return find_name(kRunningStatus, status, "reserved"); }
 
 std::string service_type(uint8_t type) {
     return find_name(kServiceTypes, type, type >= 0x80 && type <= 0xFE ? "user defined" : "reserved");

@@ -28,9 +28,7 @@ void add_version(report_node& n, const T& table) {
     n.add("last_section_number", table.last_section_number);
 }
 
-void add_crc(report_node& n, uint32_t crc) {
-    n.add("CRC_32", crc, 8);
-}
+void add_crc(report_node& n, uint32_t crc) { n.add("CRC_32", crc, 8); }
 
 report_node describe_descriptor_loop_table(const char* name, uint16_t pid, const CDescriptorLoopTable& table) {
     report_node n = table_head(name, pid, table);
@@ -89,13 +87,9 @@ report_node describe_pmt(uint16_t pid, const CPMT& pmt) {
     return n;
 }
 
-report_node describe_cat(const CCAT& cat) {
-    return describe_descriptor_loop_table("CAT", 0x0001, cat);
-}
+report_node describe_cat(const CCAT& cat) { return describe_descriptor_loop_table("CAT", 0x0001, cat); }
 
-report_node describe_tsdt(const CTSDT& tsdt) {
-    return describe_descriptor_loop_table("TSDT", 0x0002, tsdt);
-}
+report_node describe_tsdt(const CTSDT& tsdt) { return describe_descriptor_loop_table("TSDT", 0x0002, tsdt); }
 
 report_node describe_nit(const CNIT& nit) {
     report_node n = table_head("NIT", 0x0010, nit);

@@ -42,7 +42,8 @@ class table_printer : public CBaseMpegParser {
 public:
     table_printer(bool json, std::ostream& out)
         : CBaseMpegParser(true),
-          m_sections([this](uint16_t pid, const unsigned char* section, size_t size) { onSection(pid, section, size); }),
+          m_sections(
+              [this](uint16_t pid, const unsigned char* section, size_t size) { onSection(pid, section, size); }),
           m_bJson(json),
           m_out(out) {}
 
@@ -60,7 +61,8 @@ private:
     template <class T, class Print>
     void readAndPrint(const unsigned char* section, size_t size, unsigned long bufferSize, Print printTable) {
         T table(nullptr, bufferSize);
-        VQSDK::VQBSReaderT<unsigned char*> reader(const_cast<unsigned char*>(section), static_cast<unsigned long>(size));
+        VQSDK::VQBSReaderT<unsigned char*> reader(const_cast<unsigned char*>(section),
+                                                  static_cast<unsigned long>(size));
         if (table.read(reader))
             printTable(table);
     }

@@ -83,13 +83,11 @@ bool http_server::start(const std::string& listen, std::string& error) {
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD;
     if (address.ss_family == AF_INET6)
         flags |= MHD_USE_IPv6;
-    m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr,
-                                &on_request, this,
-                                MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address),
-                                MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
+    m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &on_request, this, MHD_OPTION_SOCK_ADDR,
+                                reinterpret_cast<sockaddr*>(&address), MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
                                 MHD_OPTION_PER_IP_CONNECTION_LIMIT, kMaxConnectionsPerAddress,
-                                MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
-                                MHD_OPTION_CONNECTION_TIMEOUT, kTimeoutSeconds, MHD_OPTION_END);
+                                MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_CONNECTION_TIMEOUT,
+                                kTimeoutSeconds, MHD_OPTION_END);
     if (!m_daemon) {
         error = "cannot serve HTTP on " + listen + " (address in use or not local?)";
         return false;
@@ -104,7 +102,8 @@ int http_server::port() const {
 
 int http_server::answer(MHD_Connection* connection, const std::string& url) {
     if (url == "/metrics")
-        return reply(connection, MHD_HTTP_OK, prometheus_metrics(m_source()), "text/plain; version=0.0.4; charset=utf-8");
+        return reply(connection, MHD_HTTP_OK, prometheus_metrics(m_source()),
+                     "text/plain; version=0.0.4; charset=utf-8");
     if (url == "/api/v1/ports") {
         nlohmann::json ports = nlohmann::json::array();
         for (const auto& port : m_source())

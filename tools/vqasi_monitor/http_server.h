@@ -29,7 +29,6 @@ public:
     int answer(MHD_Connection* connection, const std::string& url);
 
 private:
-
     snapshot_source m_source;
     MHD_Daemon* m_daemon = nullptr;
 };

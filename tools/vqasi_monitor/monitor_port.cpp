@@ -141,9 +141,9 @@ void monitor_port::start() {
     if (gst_element_set_state(m_source, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
         const char* device = m_options.device.c_str();
         fail(std::string("cannot open the ASI device ") + device +
-             (access(device, F_OK) != 0                 ? " (no such device)"
+             (access(device, F_OK) != 0          ? " (no such device)"
               : access(device, R_OK | W_OK) != 0 ? " (permission denied: see the video group)"
-                                                        : ""));
+                                                 : ""));
         return;
     }
     if (gst_element_set_state(m_pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
@@ -282,10 +282,9 @@ void monitor_port::refresh() {
         next.pids = m_analyzer.pid_figures();
         next.ts = m_analyzer.stream_figures();
     }
-    std::stable_sort(next.pids.begin(), next.pids.end(),
-                     [](const mpegcore::ts_pid_figures& a, const mpegcore::ts_pid_figures& b) {
-                         return a.packets > b.packets;
-                     });
+    std::stable_sort(
+        next.pids.begin(), next.pids.end(),
+        [](const mpegcore::ts_pid_figures& a, const mpegcore::ts_pid_figures& b) { return a.packets > b.packets; });
     if (next.pids.size() > m_maxPids)
         next.pids.resize(m_maxPids);
     std::lock_guard<std::mutex> hold(m_snapshotLock);

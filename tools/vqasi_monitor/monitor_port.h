@@ -40,10 +40,10 @@ struct port_snapshot {
     std::vector<std::pair<std::string, std::string>> items;  // the element's statistics items
     std::map<std::string, uint64_t> counters;                // the numeric fields of its stats structure
     std::string signalState;
-    std::vector<port_alarm> alarms;                          // the active ones
+    std::vector<port_alarm> alarms;  // the active ones
     std::array<uint64_t, mpegcore::tr101290_check_count> tr101290{};
-    std::vector<mpegcore::ts_pid_figures> pids;              // busiest first, at most max-pids
-    mpegcore::ts_stream_figures ts;                          // the analysis's packets, rate, duration
+    std::vector<mpegcore::ts_pid_figures> pids;  // busiest first, at most max-pids
+    mpegcore::ts_stream_figures ts;              // the analysis's packets, rate, duration
 };
 
 class monitor_port {

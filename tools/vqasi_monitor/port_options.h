@@ -10,9 +10,9 @@ struct port_options {
     std::string device = "/dev/video0";
     int inputType = 0;
     int plp = 0;
-    std::string udp;     // HOST:PORT, or empty
-    std::string srt;     // srt:// URI, or empty
-    std::string output;  // file, or empty
+    std::string udp;         // HOST:PORT, or empty
+    std::string srt;         // srt:// URI, or empty
+    std::string output;      // file, or empty
     std::string sourceName;  // alarm source; the port name when empty
 };
 

@@ -90,8 +90,9 @@ std::string prometheus_metrics(const std::vector<port_snapshot>& ports) {
     e.counter_field("vqasi_bad_bytes_total", "Bytes dropped while looking for packet sync", "bad-bytes");
     e.counter_field("vqasi_frames_total", "Board frames captured", "frames");
     e.counter_field("vqasi_dropped_frames_total", "Board frames lost", "dropped-frames");
-    e.family("vqasi_input_bitrate_bits", "gauge", "Rate of the bytes received from the board, bit/s",
-             [&](const port_snapshot& port, const std::string& labels) { e.sample(labels, counter(port, "raw-bitrate")); });
+    e.family(
+        "vqasi_input_bitrate_bits", "gauge", "Rate of the bytes received from the board, bit/s",
+        [&](const port_snapshot& port, const std::string& labels) { e.sample(labels, counter(port, "raw-bitrate")); });
     e.family("vqasi_ts_bitrate_bits", "gauge", "Rate of the transport stream delivered, bit/s",
              [&](const port_snapshot& port, const std::string& labels) { e.sample(labels, counter(port, "bitrate")); });
     e.stat_fields("vqasi_map_delay_ms", "Time to map a board frame, ms", "map-delay-");
@@ -131,8 +132,8 @@ nlohmann::json port_json(const port_snapshot& port) {
     const port_options& o = port.options;
     nlohmann::json j;
     j["name"] = o.name;
-    j["options"] = {{"device", o.device}, {"input-type", o.inputType}, {"plp", o.plp},
-                    {"udp", o.udp},       {"srt", o.srt},              {"output", o.output}};
+    j["options"] = {{"device", o.device}, {"input-type", o.inputType}, {"plp", o.plp}, {"udp", o.udp},
+                    {"srt", o.srt},       {"output", o.output}};
     j["state"] = port.state;
     j["up"] = port.up;
     j["last_problem"] = port.lastProblem;

@@ -74,8 +74,9 @@ bool read_settings(const command_line& cl, monitor_settings& settings) {
     const bool singleOptions = cl.device || cl.outputFile || cl.udp || cl.inputType || cl.plp;
     if (settings.ports.empty() || singleOptions) {
         if (!settings.ports.empty()) {
-            std::fprintf(stderr, "vqasi-monitor: --device, --output, --udp, --input-type and --plp describe the "
-                                 "one port of a monitor without --port or --config\n");
+            std::fprintf(stderr,
+                         "vqasi-monitor: --device, --output, --udp, --input-type and --plp describe the "
+                         "one port of a monitor without --port or --config\n");
             return false;
         }
         port_options port;
@@ -177,10 +178,13 @@ private:
         m_stopping = true;
         for (auto& port : m_ports)
             port->send_eos();
-        g_timeout_add(1000, [](gpointer self) -> gboolean {
-            g_main_loop_quit(static_cast<monitor*>(self)->m_loop);
-            return G_SOURCE_REMOVE;
-        }, this);
+        g_timeout_add(
+            1000,
+            [](gpointer self) -> gboolean {
+                g_main_loop_quit(static_cast<monitor*>(self)->m_loop);
+                return G_SOURCE_REMOVE;
+            },
+            this);
     }
 
     static gboolean on_tick(gpointer self) {
@@ -280,20 +284,17 @@ int main(int argc, char** argv) {
     command_line cl;
     const GOptionEntry entries[] = {
         {"port", 'P', 0, G_OPTION_ARG_STRING_ARRAY, &cl.ports,
-         "A port: NAME=DEVICE[,input-type=N][,plp=N][,udp=HOST:PORT][,srt=URI][,output=FILE] (repeatable)",
-         "SPEC"},
+         "A port: NAME=DEVICE[,input-type=N][,plp=N][,udp=HOST:PORT][,srt=URI][,output=FILE] (repeatable)", "SPEC"},
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &cl.config,
          "Read the ports ([port NAME] groups) and settings ([monitor]) from a key file", "FILE"},
         {"listen", 'l', 0, G_OPTION_ARG_STRING, &cl.listen,
-         "Serve /metrics, /api/v1/ports and /healthz on ADDRESS:PORT (default 127.0.0.1:9550; none: off)",
-         "ADDR:PORT"},
+         "Serve /metrics, /api/v1/ports and /healthz on ADDRESS:PORT (default 127.0.0.1:9550; none: off)", "ADDR:PORT"},
         {"retry-seconds", 'r', 0, G_OPTION_ARG_INT, &cl.retrySeconds,
          "Seconds between attempts to open a failed board (default 5)", "N"},
         {"max-pids", 0, 0, G_OPTION_ARG_INT, &cl.maxPids, "PIDs exported a port, busiest first (default 64)", "N"},
         {"device", 'd', 0, G_OPTION_ARG_STRING, &cl.device,
          "V4L2 device of the one ASI input without --port (default /dev/video0)", "PATH"},
-        {"input-type", 't', 0, G_OPTION_ARG_INT, &cl.inputType, "Input stream type: 0 TS (default), 1 T2-MI",
-         "0|1"},
+        {"input-type", 't', 0, G_OPTION_ARG_INT, &cl.inputType, "Input stream type: 0 TS (default), 1 T2-MI", "0|1"},
         {"plp", 'p', 0, G_OPTION_ARG_INT, &cl.plp, "PLP to extract from a T2-MI input (0-255, default 0)", "N"},
         {"source-name", 's', 0, G_OPTION_ARG_STRING, &cl.sourceName,
          "Source name of the alarms (default: the port's name)", "NAME"},
@@ -331,8 +332,9 @@ int main(int argc, char** argv) {
     }
     if (cl.inputType < 0 || cl.inputType > 1 || cl.plp < 0 || cl.plp > 255 || cl.duration < 0 ||
         (cl.outputFile && cl.udp) || cl.retrySeconds < 0 || cl.maxPids < 0) {
-        std::fprintf(stderr, "vqasi-monitor: --input-type is 0 or 1, --plp 0 to 255, --duration, --retry-seconds "
-                             "and --max-pids not negative, and only one of --output and --udp (see --help)\n");
+        std::fprintf(stderr,
+                     "vqasi-monitor: --input-type is 0 or 1, --plp 0 to 255, --duration, --retry-seconds "
+                     "and --max-pids not negative, and only one of --output and --udp (see --help)\n");
         return 2;
     }
     monitor_settings settings;

@@ -41,8 +41,7 @@ void warn(std::string& warnings, const char* name, const std::string& value, con
     warnings += std::string(name) + "='" + value + "' ignored: expected " + expected + "\n";
 }
 
-void read_uint(const char* name, size_t device, uint64_t min, uint64_t max, uint64_t& target,
-               std::string& warnings) {
+void read_uint(const char* name, size_t device, uint64_t min, uint64_t max, uint64_t& target, std::string& warnings) {
     const char* v = env(name, device);
     if (!v)
         return;
@@ -159,18 +158,12 @@ bool parse_fail_rule(const std::string& item, fail_rule& rule) {
 
 const char* signal_name(signal_kind kind) {
     switch (kind) {
-        case signal_kind::ok:
-            return "ok";
-        case signal_kind::no_data:
-            return "nodata";
-        case signal_kind::no_link:
-            return "nolink";
-        case signal_kind::no_lock:
-            return "nolock";
-        case signal_kind::range:
-            return "range";
-        case signal_kind::unknown:
-            return "unknown";
+    case signal_kind::ok: return "ok";
+    case signal_kind::no_data: return "nodata";
+    case signal_kind::no_link: return "nolink";
+    case signal_kind::no_lock: return "nolock";
+    case signal_kind::range: return "range";
+    case signal_kind::unknown: return "unknown";
     }
     return "unknown";
 }
@@ -254,7 +247,8 @@ config read_config(std::string& warnings, size_t device_index) {
     if (const char* v = env("VQASISIM_SIGNAL", device_index)) {
         if (!parse_script(v, c.signal, parse_signal_kind)) {
             c.signal.clear();
-            warn(warnings, "VQASISIM_SIGNAL", v, "STATE[:SECONDS],... with states ok nodata nolink nolock range unknown");
+            warn(warnings, "VQASISIM_SIGNAL", v,
+                 "STATE[:SECONDS],... with states ok nodata nolink nolock range unknown");
         }
     }
     read_every_count("VQASISIM_SEQ_GAP", device_index, c.seq_gap, warnings);

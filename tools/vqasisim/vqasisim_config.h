@@ -85,7 +85,7 @@ struct config {
     every_count empty;
     uint64_t cc_every = 0;
     unsigned packet_size = mpegcore::kTsPacketSize;  // the first (or only) packet size
-    std::vector<packet_size_step> packet_sizes;  // a switching script; empty: packet_size for ever
+    std::vector<packet_size_step> packet_sizes;      // a switching script; empty: packet_size for ever
     every_length data_gap;
     double remove_after = -1;  // seconds after the open when the device disappears; negative: never
     std::vector<fail_rule> fails;

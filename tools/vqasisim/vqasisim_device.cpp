@@ -78,40 +78,28 @@ int type_of(unsigned long request, const void* arg) {
     if (!arg)
         return 0;
     switch (request) {
-        case VIDIOC_ENUM_FMT:
-            return int(static_cast<const v4l2_fmtdesc*>(arg)->type);
-        case VIDIOC_G_FMT:
-        case VIDIOC_S_FMT:
-        case VIDIOC_TRY_FMT:
-            return int(static_cast<const v4l2_format*>(arg)->type);
-        case VIDIOC_REQBUFS:
-            return int(static_cast<const v4l2_requestbuffers*>(arg)->type);
-        case VIDIOC_QUERYBUF:
-        case VIDIOC_QBUF:
-        case VIDIOC_DQBUF:
-            return int(static_cast<const v4l2_buffer*>(arg)->type);
-        case VIDIOC_STREAMON:
-        case VIDIOC_STREAMOFF:
-            return *static_cast<const int*>(arg);
-        default:
-            return 0;
+    case VIDIOC_ENUM_FMT: return int(static_cast<const v4l2_fmtdesc*>(arg)->type);
+    case VIDIOC_G_FMT:
+    case VIDIOC_S_FMT:
+    case VIDIOC_TRY_FMT: return int(static_cast<const v4l2_format*>(arg)->type);
+    case VIDIOC_REQBUFS: return int(static_cast<const v4l2_requestbuffers*>(arg)->type);
+    case VIDIOC_QUERYBUF:
+    case VIDIOC_QBUF:
+    case VIDIOC_DQBUF: return int(static_cast<const v4l2_buffer*>(arg)->type);
+    case VIDIOC_STREAMON:
+    case VIDIOC_STREAMOFF: return *static_cast<const int*>(arg);
+    default: return 0;
     }
 }
 
 int signal_errno(signal_kind kind) {
     switch (kind) {
-        case signal_kind::ok:
-            return 0;
-        case signal_kind::no_data:
-            return ENODATA;
-        case signal_kind::no_link:
-            return ENOLINK;
-        case signal_kind::no_lock:
-            return ENOLCK;
-        case signal_kind::range:
-            return ERANGE;
-        case signal_kind::unknown:
-            return EIO;
+    case signal_kind::ok: return 0;
+    case signal_kind::no_data: return ENODATA;
+    case signal_kind::no_link: return ENOLINK;
+    case signal_kind::no_lock: return ENOLCK;
+    case signal_kind::range: return ERANGE;
+    case signal_kind::unknown: return EIO;
     }
     return EIO;
 }
@@ -233,50 +221,30 @@ int sim_device::handle(int fd, unsigned long request, void* arg, std::unique_loc
     if (!arg)
         return -EFAULT;
     switch (request) {
-        case VIDIOC_QUERYCAP:
-            return query_cap(arg);
-        case VIDIOC_ENUM_FMT:
-            return enum_fmt(arg);
-        case VIDIOC_G_FMT:
-            return get_fmt(arg);
-        case VIDIOC_S_FMT:
-            if (m_owner != -1 && m_owner != fd)
-                return -EBUSY;
-            if (m_streaming)
-                return -EBUSY;
-            return set_fmt(arg);
-        case VIDIOC_TRY_FMT:
-            return set_fmt(arg);
-        case VIDIOC_REQBUFS:
-            return req_bufs(fd, arg);
-        case VIDIOC_QUERYBUF:
-            return query_buf(arg);
-        case VIDIOC_QBUF:
-            return queue_buf(fd, arg);
-        case VIDIOC_DQBUF:
-            return dequeue_buf(fd, arg, lock);
-        case VIDIOC_STREAMON:
-            return stream_on(fd, arg);
-        case VIDIOC_STREAMOFF:
-            return stream_off(fd, arg);
-        case VIDIOC_QUERY_DV_TIMINGS:
-            return query_dv_timings(arg);
-        case VIDIOC_ENUMINPUT:
-            return enum_input(arg);
-        case VIDIOC_G_INPUT:
-            *static_cast<int*>(arg) = 0;
-            return 0;
-        case VIDIOC_S_INPUT:
-            return *static_cast<const int*>(arg) == 0 ? 0 : -EINVAL;
-        case VIDIOC_G_PRIORITY:
-            *static_cast<uint32_t*>(arg) = V4L2_PRIORITY_DEFAULT;
-            return 0;
-        case VIDIOC_S_PRIORITY:
-            return *static_cast<const uint32_t*>(arg) <= V4L2_PRIORITY_RECORD ? 0 : -EINVAL;
-        case kDeviceInfo:
-            return device_info(arg);
-        default:
-            return -ENOTTY;
+    case VIDIOC_QUERYCAP: return query_cap(arg);
+    case VIDIOC_ENUM_FMT: return enum_fmt(arg);
+    case VIDIOC_G_FMT: return get_fmt(arg);
+    case VIDIOC_S_FMT:
+        if (m_owner != -1 && m_owner != fd)
+            return -EBUSY;
+        if (m_streaming)
+            return -EBUSY;
+        return set_fmt(arg);
+    case VIDIOC_TRY_FMT: return set_fmt(arg);
+    case VIDIOC_REQBUFS: return req_bufs(fd, arg);
+    case VIDIOC_QUERYBUF: return query_buf(arg);
+    case VIDIOC_QBUF: return queue_buf(fd, arg);
+    case VIDIOC_DQBUF: return dequeue_buf(fd, arg, lock);
+    case VIDIOC_STREAMON: return stream_on(fd, arg);
+    case VIDIOC_STREAMOFF: return stream_off(fd, arg);
+    case VIDIOC_QUERY_DV_TIMINGS: return query_dv_timings(arg);
+    case VIDIOC_ENUMINPUT: return enum_input(arg);
+    case VIDIOC_G_INPUT: *static_cast<int*>(arg) = 0; return 0;
+    case VIDIOC_S_INPUT: return *static_cast<const int*>(arg) == 0 ? 0 : -EINVAL;
+    case VIDIOC_G_PRIORITY: *static_cast<uint32_t*>(arg) = V4L2_PRIORITY_DEFAULT; return 0;
+    case VIDIOC_S_PRIORITY: return *static_cast<const uint32_t*>(arg) <= V4L2_PRIORITY_RECORD ? 0 : -EINVAL;
+    case kDeviceInfo: return device_info(arg);
+    default: return -ENOTTY;
     }
 }
 
@@ -364,8 +332,7 @@ int sim_device::req_bufs(int fd, void* arg) {
     // Populated once, here: a board fills its buffers by DMA, so the first
     // frames should not pay a page fault per page on the simulator's side.
     if (ftruncate(m_memfd, off_t(m_stride * count)) == 0)
-        memory = libc().mmap(nullptr, m_stride * count, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, m_memfd,
-                             0);
+        memory = libc().mmap(nullptr, m_stride * count, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, m_memfd, 0);
     if (memory == MAP_FAILED) {
         libc().close(m_memfd);
         m_memfd = -1;
@@ -736,8 +703,8 @@ void* sim_device::mmap(void* addr, size_t length, int prot, int flags, off_t off
     }
     if (injected_failure("MMAP", error))
         return MAP_FAILED;
-    if (m_stride == 0 || offset < 0 || size_t(offset) % m_stride != 0 || size_t(offset) / m_stride >= m_buffers.size() ||
-        length == 0 || length > m_stride || !(flags & MAP_SHARED)) {
+    if (m_stride == 0 || offset < 0 || size_t(offset) % m_stride != 0 ||
+        size_t(offset) / m_stride >= m_buffers.size() || length == 0 || length > m_stride || !(flags & MAP_SHARED)) {
         error = EINVAL;
         return MAP_FAILED;
     }

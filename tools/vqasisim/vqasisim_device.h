@@ -72,9 +72,9 @@ private:
         uint64_t overruns = 0;
         uint64_t seq_gaps = 0;
         uint64_t seq_gap_frames = 0;
-        uint64_t idle_slots = 0;  // frame slots that passed without signal
-        uint64_t data_gaps = 0;   // spans without data while the signal was ok
-        uint64_t gap_slots = 0;   // frame slots that passed in them
+        uint64_t idle_slots = 0;        // frame slots that passed without signal
+        uint64_t data_gaps = 0;         // spans without data while the signal was ok
+        uint64_t gap_slots = 0;         // frame slots that passed in them
         uint64_t removed_failures = 0;  // requests refused because the device was gone
         uint64_t signal_answers[6] = {};
         uint64_t signal_entries[6] = {};  // answers that differ from the one before

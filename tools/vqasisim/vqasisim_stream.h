@@ -66,12 +66,12 @@ private:
     every_count m_garbage;
     uint64_t m_ccEvery = 0;
 
-    size_t m_pos = 0;  // next input byte
+    size_t m_pos = 0;             // next input byte
     std::vector<uint8_t> m_unit;  // packet mode: the unit being copied out
     size_t m_unitPos = 0;
     std::vector<stream_mark> m_unitMarks;  // positions inside m_unit
-    uint64_t m_eligible = 0;    // packets that could carry a continuity error
-    uint64_t m_runPackets = 0;  // packets since the last rewind
+    uint64_t m_eligible = 0;               // packets that could carry a continuity error
+    uint64_t m_runPackets = 0;             // packets since the last rewind
     uint32_t m_garbageSeed = 0x2545F491u;
     stream_counters m_counters;
 };

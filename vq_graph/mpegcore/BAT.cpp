@@ -18,13 +18,9 @@ void CBouquetAssociationStream::copyTo(CBouquetAssociationStream* target) const 
     descriptors.copyTo(target->descriptors);
 }
 
-uint16_t CBouquetAssociationStream::getSize() const {
-    return static_cast<uint16_t>(6 + descriptors.getSize());
-}
+uint16_t CBouquetAssociationStream::getSize() const { return static_cast<uint16_t>(6 + descriptors.getSize()); }
 
-CBAT::~CBAT() {
-    deleteStreams();
-}
+CBAT::~CBAT() { deleteStreams(); }
 
 void CBAT::deleteStreams() {
     for (CBouquetAssociationStream* stream : BouquetAssociationStreamList)
@@ -46,16 +42,14 @@ bool CBAT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
           reader.getBits<12>(bouquet_descriptors_length)))
         return false;
     if (bouquet_descriptors_length != 0 &&
-        CMpegMisc::read_descriptor_loop(reader, bouquet_descriptors_length, descriptors) !=
-            CMpegMisc::loop_result::ok)
+        CMpegMisc::read_descriptor_loop(reader, bouquet_descriptors_length, descriptors) != CMpegMisc::loop_result::ok)
         return false;
     if (!(reader.getBits<4>(reserved_future_use3) && reader.getBits<12>(transport_stream_loop_length)))
         return false;
     // Each entry's descriptors go to the table's own list, after the bouquet's.
     const bool loopRead = CTransportStreamLoop::read(transport_stream_loop_length, [&] {
         auto stream = std::make_unique<CBouquetAssociationStream>();
-        if (!CTransportStreamLoop::readEntry(reader, *stream, stream->transport_descriptors_length, descriptors,
-                                             true))
+        if (!CTransportStreamLoop::readEntry(reader, *stream, stream->transport_descriptors_length, descriptors, true))
             return -1;
         const int descriptorsLength = stream->transport_descriptors_length;
         BouquetAssociationStreamList.push_back(stream.release());

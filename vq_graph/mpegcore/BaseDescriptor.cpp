@@ -27,9 +27,7 @@ base_descriptor& base_descriptor::operator=(const base_descriptor& other) {
     return *this;
 }
 
-std::shared_ptr<base_descriptor> base_descriptor::create() const {
-    return std::make_shared<base_descriptor>();
-}
+std::shared_ptr<base_descriptor> base_descriptor::create() const { return std::make_shared<base_descriptor>(); }
 
 void base_descriptor::copyTo(base_descriptor* target) const {
     if (auto* same = sameClass<base_descriptor>(target))

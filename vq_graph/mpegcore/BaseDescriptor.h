@@ -100,9 +100,7 @@ bool put(descriptor_writer& writer, T value) {
 }
 
 // Whole unread bytes, a partly read byte counting as one.
-inline uint64_t bytesLeft(const descriptor_reader& reader) {
-    return reader.m_length + reader.getCacheByte();
-}
+inline uint64_t bytesLeft(const descriptor_reader& reader) { return reader.m_length + reader.getCacheByte(); }
 
 // count bytes one by one into dst; dst must hold count bytes.
 bool readBytes(descriptor_reader& reader, void* dst, size_t count);

@@ -143,15 +143,9 @@ bool CBaseMpegParser::ParserData(transport_packet& packet) {
     case kPidNIT:
     case kPidSDT:
     case kPidEIT:
-    case kPidTDT:
-        routeSectionPid(packet);
-        return true;
-    case transport_packet::null_PID:
-        OnNULL(&packet);
-        return true;
-    default:
-        routeOtherPid(packet, completed);
-        return true;
+    case kPidTDT: routeSectionPid(packet); return true;
+    case transport_packet::null_PID: OnNULL(&packet); return true;
+    default: routeOtherPid(packet, completed); return true;
     }
 }
 
@@ -257,12 +251,8 @@ void CBaseMpegParser::routeSectionPid(const transport_packet& packet) {
             OnPAT(pat);
         });
         break;
-    case kPidCAT:
-        readSection(packet, m_CAT, [this](CCAT* cat) { OnCAT(cat); });
-        break;
-    case kPidTSDT:
-        readSection(packet, m_TSDT, [this](CTSDT* tsdt) { OnTSDT(tsdt); });
-        break;
+    case kPidCAT: readSection(packet, m_CAT, [this](CCAT* cat) { OnCAT(cat); }); break;
+    case kPidTSDT: readSection(packet, m_TSDT, [this](CTSDT* tsdt) { OnTSDT(tsdt); }); break;
     case kPidNIT:
         if (table_id == kTableIdNITActual)
             readSection(packet, m_NIT_Actual, [this](CNIT* nit) { OnNIT(nit); });
@@ -295,8 +285,7 @@ void CBaseMpegParser::routeSectionPid(const transport_packet& packet) {
         else if (table_id == kTableIdTDT)
             readSection(packet, m_TDT, [this](CTDT* tdt) { OnTDT(tdt); });
         break;
-    default:
-        break;
+    default: break;
     }
 }
 
@@ -419,13 +408,9 @@ void CBaseMpegParser::analyze_packet(transport_packet& packet) {
         on_tei_pid(packet.PID);
 }
 
-bool CBaseMpegParser::ParcerPESPacket(unsigned char*) {
-    return true;
-}
+bool CBaseMpegParser::ParcerPESPacket(unsigned char*) { return true; }
 
-void CBaseMpegParser::Clear() {
-    _clear();
-}
+void CBaseMpegParser::Clear() { _clear(); }
 
 void CBaseMpegParser::_clear() {
     {

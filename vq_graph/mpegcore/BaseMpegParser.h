@@ -119,7 +119,8 @@ public:
     virtual void OnTDT(CTDT*) {}
     virtual void OnTOT(CTOT*) {}
     virtual void OnPES(unsigned short /*pmtPid*/, const CBaseStreamTypeMap*, transport_packet*) {}
-    virtual void OnPES(unsigned short /*pmtPid*/, CBaseStreamTypeMap*, unsigned char* /*data*/, unsigned long /*size*/) {}
+    virtual void OnPES(unsigned short /*pmtPid*/, CBaseStreamTypeMap*, unsigned char* /*data*/,
+                       unsigned long /*size*/) {}
     virtual void OnPES(unsigned short /*pmtPid*/, unsigned short /*programNumber*/, const CBaseStreamTypeMap*,
                        transport_packet*) {}
     virtual void OnPCR(transport_packet*) {}
@@ -206,7 +207,7 @@ private:
     std::vector<uint16_t> m_routeSlot;
     uint64_t m_nRouteGeneration = 1;  // grows with every change of the PAT, the PMTs or the CAT
     transport_packet m_packet;        // the record Process fills for each packet
-    bool m_bAfDirty = false;    // m_packet.af may hold a parsed adaptation field
+    bool m_bAfDirty = false;          // m_packet.af may hold a parsed adaptation field
     bool m_bInProcess = false;
 };
 

@@ -4,8 +4,7 @@
 
 namespace mpegcore {
 
-CBaseMpegTable::CBaseMpegTable(unsigned char* buffer, unsigned long size)
-    : m_pDataTable(buffer), m_lMaxSize(size) {
+CBaseMpegTable::CBaseMpegTable(unsigned char* buffer, unsigned long size) : m_pDataTable(buffer), m_lMaxSize(size) {
     if (!buffer) {
         m_pDataTable = new unsigned char[size ? size : 1]();
         m_bSelfAlloc = 1;
@@ -27,8 +26,8 @@ bool CBaseMpegTable::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     if (reader.m_sizeCache == 0)
         return true;
     table_id = 0;
-    if (reader.getBits<8>(table_id) && reader.getBits<1>(section_syntax_indicator) &&
-        reader.getBits<1>(zero) && reader.getBits<2>(reserved) && reader.getBits<12>(section_length))
+    if (reader.getBits<8>(table_id) && reader.getBits<1>(section_syntax_indicator) && reader.getBits<1>(zero) &&
+        reader.getBits<2>(reserved) && reader.getBits<12>(section_length))
         section_length &= 0xFFF;
     return true;
 }
@@ -44,9 +43,7 @@ bool CBaseMpegTable::write(VQSDK::VQBSWriterT<unsigned char*>& writer) {
     return true;
 }
 
-uint16_t CBaseMpegTable::calc_section_length() const {
-    return section_length;
-}
+uint16_t CBaseMpegTable::calc_section_length() const { return section_length; }
 
 bool CBaseMpegTable::sameSectionHeader(const CBaseMpegTable& other) const {
     return table_id == other.table_id && section_syntax_indicator == other.section_syntax_indicator &&

@@ -96,8 +96,7 @@ protected:
 
     // For derived reads: true when the section starting at `start` is complete
     // in the reader and its CRC over section_length + 3 bytes checks to 0.
-    bool isCompleteWithValidCRC(const unsigned char* start,
-                                const VQSDK::VQBSReaderT<unsigned char*>& reader) const;
+    bool isCompleteWithValidCRC(const unsigned char* start, const VQSDK::VQBSReaderT<unsigned char*>& reader) const;
     // For RenderTable: flushes the writer, computes the CRC over the section
     // without its last 4 bytes, stores it big-endian there and in crc, and
     // sets m_lSizeTable as setRenderedSize does.

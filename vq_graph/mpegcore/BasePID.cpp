@@ -58,7 +58,8 @@ CDataAccumulator* CBasePID::accumulation(const transport_packet& packet) {
 }
 
 void CBasePID::putPCR(const transport_packet& packet) {
-    const uint64_t pcr27MHz = packet.af.program_clock_reference_base * 300 + packet.af.program_clock_reference_extension;
+    const uint64_t pcr27MHz =
+        packet.af.program_clock_reference_base * 300 + packet.af.program_clock_reference_extension;
     const int64_t time = static_cast<int64_t>(pcr27MHz * 10 / 27);
     const double seconds = static_cast<double>(time - lastPCR) / 10000000.0;
     const double rate = static_cast<double>(data_counter) * 8.0 / seconds;

@@ -29,9 +29,7 @@ bool CDescriptorLoopTable::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     return true;
 }
 
-uint16_t CDescriptorLoopTable::calc_section_length() const {
-    return static_cast<uint16_t>(9 + descriptors.getSize());
-}
+uint16_t CDescriptorLoopTable::calc_section_length() const { return static_cast<uint16_t>(9 + descriptors.getSize()); }
 
 bool CDescriptorLoopTable::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);

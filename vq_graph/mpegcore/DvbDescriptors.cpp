@@ -4,9 +4,9 @@ namespace mpegcore {
 
 using descriptor_io::deepCopy;
 using descriptor_io::put;
+using descriptor_io::readBytes;
 using descriptor_io::readCountingDown;
 using descriptor_io::readCountingUp;
-using descriptor_io::readBytes;
 using descriptor_io::writeBytes;
 
 bool network_name_descriptor::read(descriptor_reader& reader) {
@@ -108,8 +108,7 @@ bool bouquet_name_descriptor::write(descriptor_writer& writer) {
 }
 
 bool service_descriptor::read(descriptor_reader& reader) {
-    return readHeader(reader) && reader.getBits<8>(service_type) &&
-           reader.getBits<8>(service_provider_name_length) &&
+    return readHeader(reader) && reader.getBits<8>(service_type) && reader.getBits<8>(service_provider_name_length) &&
            readBytes(reader, service_provider_name, service_provider_name_length) &&
            reader.getBits<8>(service_name_length) && readBytes(reader, service_name, service_name_length);
 }
@@ -121,15 +120,15 @@ bool service_descriptor::write(descriptor_writer& writer) {
 }
 
 bool short_event_descriptor::read(descriptor_reader& reader) {
-    return readHeader(reader) && readBytes(reader, ISO_639_language_code, 3) &&
-           reader.getBits<8>(event_name_length) && readBytes(reader, event_name_char, event_name_length) &&
-           reader.getBits<8>(text_length) && readBytes(reader, text_char, text_length);
+    return readHeader(reader) && readBytes(reader, ISO_639_language_code, 3) && reader.getBits<8>(event_name_length) &&
+           readBytes(reader, event_name_char, event_name_length) && reader.getBits<8>(text_length) &&
+           readBytes(reader, text_char, text_length);
 }
 
 bool short_event_descriptor::write(descriptor_writer& writer) {
-    return writeHeader(writer) && writeBytes(writer, ISO_639_language_code, 3) &&
-           put<8>(writer, event_name_length) && writeBytes(writer, event_name_char, event_name_length) &&
-           put<8>(writer, text_length) && writeBytes(writer, text_char, text_length);
+    return writeHeader(writer) && writeBytes(writer, ISO_639_language_code, 3) && put<8>(writer, event_name_length) &&
+           writeBytes(writer, event_name_char, event_name_length) && put<8>(writer, text_length) &&
+           writeBytes(writer, text_char, text_length);
 }
 
 bool extended_event_descriptor::read(descriptor_reader& reader) {

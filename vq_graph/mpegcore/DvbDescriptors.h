@@ -249,8 +249,7 @@ public:
 // Tag 0x7F, extension 0x04. Read ignores the header's length check and always
 // takes the six bytes up to tfs_flag; the cell loop is never read, so a longer
 // descriptor leaves its cell bytes in the reader.
-class T2_delivery_system_descriptor
-    : public descriptor_of<T2_delivery_system_descriptor, base_descriptor_extension> {
+class T2_delivery_system_descriptor : public descriptor_of<T2_delivery_system_descriptor, base_descriptor_extension> {
 public:
     T2_delivery_system_descriptor() : descriptor_of(0x04) {}
     bool write(descriptor_writer& writer) override;

@@ -14,14 +14,11 @@ const char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
 // ISO/IEC 8859 parts by number; 12 was never published.
 const char* const kIso8859[] = {
-    nullptr,       "ISO-8859-1",  "ISO-8859-2",  "ISO-8859-3",  "ISO-8859-4",  "ISO-8859-5",
-    "ISO-8859-6",  "ISO-8859-7",  "ISO-8859-8",  "ISO-8859-9",  "ISO-8859-10", "ISO-8859-11",
-    nullptr,       "ISO-8859-13", "ISO-8859-14", "ISO-8859-15",
+    nullptr,      "ISO-8859-1", "ISO-8859-2",  "ISO-8859-3",  "ISO-8859-4", "ISO-8859-5",  "ISO-8859-6",  "ISO-8859-7",
+    "ISO-8859-8", "ISO-8859-9", "ISO-8859-10", "ISO-8859-11", nullptr,      "ISO-8859-13", "ISO-8859-14", "ISO-8859-15",
 };
 
-const char* iso8859(unsigned part) {
-    return part < sizeof kIso8859 / sizeof kIso8859[0] ? kIso8859[part] : nullptr;
-}
+const char* iso8859(unsigned part) { return part < sizeof kIso8859 / sizeof kIso8859[0] ? kIso8859[part] : nullptr; }
 
 // Whether a decoded character is a control character: C0, DEL, C1, or one
 // of the two-byte control codes U+E080..U+E09F.
@@ -29,9 +26,7 @@ bool is_control(uint32_t c) {
     return c < 0x20 || c == 0x7F || (c >= 0x80 && c <= 0x9F) || (c >= 0xE080 && c <= 0xE09F);
 }
 
-bool opened(iconv_t cd) {
-    return cd != reinterpret_cast<iconv_t>(-1);
-}
+bool opened(iconv_t cd) { return cd != reinterpret_cast<iconv_t>(-1); }
 
 // iconv from a character table to UTF-32 (which admits only Unicode scalar
 // values, so what the table's decoder lets through is checked once more),
@@ -111,9 +106,7 @@ private:
 size_t control_code(DvbText::layout bytes, const uint8_t* data, size_t size, uint8_t& code) {
     auto c1 = [](uint8_t b) { return b >= 0x80 && b <= 0x9F; };
     switch (bytes) {
-    case DvbText::layout::single_byte:
-        code = data[0];
-        return c1(data[0]) ? 1 : 0;
+    case DvbText::layout::single_byte: code = data[0]; return c1(data[0]) ? 1 : 0;
     case DvbText::layout::ucs2:
         if (size < 2 || (data[0] != 0x00 && data[0] != 0xE0) || !c1(data[1]))
             return 0;

@@ -38,9 +38,7 @@ void CEventInfo::copyTo(CEventInfo* target) const {
     target->descriptors_loop_length = target->descriptors.getSize();
 }
 
-uint16_t CEventInfo::getSize() const {
-    return static_cast<uint16_t>(12 + descriptors.getSize());
-}
+uint16_t CEventInfo::getSize() const { return static_cast<uint16_t>(12 + descriptors.getSize()); }
 
 uint32_t CEventInfo::time_to_duration(uint64_t hours, uint64_t minutes, uint64_t seconds) {
     return CMpegMisc::time_to_bcd(hours, minutes, seconds);
@@ -50,9 +48,7 @@ uint32_t CEventInfo::sec_to_duration(uint64_t seconds) {
     return time_to_duration(seconds / 3600, (seconds % 3600) / 60, seconds % 60);
 }
 
-uint64_t CEventInfo::time_t_to_start_time(time_t time) {
-    return CMpegMisc::time_t_to_utc_time(time);
-}
+uint64_t CEventInfo::time_t_to_start_time(time_t time) { return CMpegMisc::time_t_to_utc_time(time); }
 
 time_t CEventInfo::start_time_to_time_t(uint64_t start_time) {
     std::tm tm = CMpegMisc::utc_time_to_tm(start_time);

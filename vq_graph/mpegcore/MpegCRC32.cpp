@@ -33,9 +33,8 @@ uint32_t crcSlicing(const unsigned char* data, size_t size, uint32_t crc) {
         std::memcpy(&lo, data + 4, 4);
         hi = __builtin_bswap32(hi) ^ crc;
         lo = __builtin_bswap32(lo);
-        crc = kSlices.t[7][hi >> 24] ^ kSlices.t[6][(hi >> 16) & 0xFF] ^
-              kSlices.t[5][(hi >> 8) & 0xFF] ^ kSlices.t[4][hi & 0xFF] ^
-              kSlices.t[3][lo >> 24] ^ kSlices.t[2][(lo >> 16) & 0xFF] ^
+        crc = kSlices.t[7][hi >> 24] ^ kSlices.t[6][(hi >> 16) & 0xFF] ^ kSlices.t[5][(hi >> 8) & 0xFF] ^
+              kSlices.t[4][hi & 0xFF] ^ kSlices.t[3][lo >> 24] ^ kSlices.t[2][(lo >> 16) & 0xFF] ^
               kSlices.t[1][(lo >> 8) & 0xFF] ^ kSlices.t[0][lo & 0xFF];
         data += 8;
         size -= 8;

@@ -10,7 +10,7 @@ namespace mpegcore {
 // Packets.
 constexpr uint8_t kSyncByte = 0x47;
 constexpr size_t kTsPacketSize = 188;
-constexpr size_t kRsPacketSize = 204;  // 188 plus 16 Reed-Solomon parity bytes
+constexpr size_t kRsPacketSize = 204;                         // 188 plus 16 Reed-Solomon parity bytes
 constexpr size_t kTsPacketSizeAfterSync = kTsPacketSize - 1;  // what follows the sync byte
 
 // PIDs: 13 bits.

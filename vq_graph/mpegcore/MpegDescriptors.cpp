@@ -42,8 +42,7 @@ bool video_stream_descriptor::write(descriptor_writer& writer) {
 
 bool audio_stream_descriptor::read(descriptor_reader& reader) {
     return readHeader(reader) && reader.getBits<1>(free_format_flag) && reader.getBits<1>(ID) &&
-           reader.getBits<2>(layer) && reader.getBits<1>(variable_rate_audio_indicator) &&
-           reader.getBits<3>(reserved);
+           reader.getBits<2>(layer) && reader.getBits<1>(variable_rate_audio_indicator) && reader.getBits<3>(reserved);
 }
 
 bool audio_stream_descriptor::write(descriptor_writer& writer) {
@@ -53,8 +52,7 @@ bool audio_stream_descriptor::write(descriptor_writer& writer) {
 }
 
 bool registration_descriptor::read(descriptor_reader& reader) {
-    return readHeader(reader) && descriptor_length <= kMaxLength &&
-           reader.getBits<32>(format_identifier) &&
+    return readHeader(reader) && descriptor_length <= kMaxLength && reader.getBits<32>(format_identifier) &&
            readBytes(reader, additional_identification_info, bytesAfter(descriptor_length, 4));
 }
 
@@ -96,9 +94,8 @@ bool ISO_639_language_descriptor::write(descriptor_writer& writer) {
 }
 
 bool multiplex_buffer_utilization_descriptor::read(descriptor_reader& reader) {
-    return readHeader(reader) && reader.getBits<1>(bound_valid_flag) &&
-           reader.getBits<15>(LTW_offset_lower_bound) && reader.getBits<1>(reserved) &&
-           reader.getBits<15>(LTW_offset_upper_bound);
+    return readHeader(reader) && reader.getBits<1>(bound_valid_flag) && reader.getBits<15>(LTW_offset_lower_bound) &&
+           reader.getBits<1>(reserved) && reader.getBits<15>(LTW_offset_upper_bound);
 }
 
 bool multiplex_buffer_utilization_descriptor::write(descriptor_writer& writer) {

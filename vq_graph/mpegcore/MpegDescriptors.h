@@ -95,8 +95,7 @@ public:
 };
 
 // Tag 0x0C, four payload bytes.
-class multiplex_buffer_utilization_descriptor
-    : public descriptor_of<multiplex_buffer_utilization_descriptor> {
+class multiplex_buffer_utilization_descriptor : public descriptor_of<multiplex_buffer_utilization_descriptor> {
 public:
     multiplex_buffer_utilization_descriptor() : descriptor_of(0x0C) {}
     bool write(descriptor_writer& writer) override;

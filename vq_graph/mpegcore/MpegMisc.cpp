@@ -32,8 +32,7 @@ bool CMpegMisc::AddBitToStream(unsigned char* data, size_t size, size_t bitPos, 
     return true;
 }
 
-bool CMpegMisc::GetBitsFromStream(const unsigned char* data, size_t size, size_t bitPos, unsigned n,
-                                  uint64_t& value) {
+bool CMpegMisc::GetBitsFromStream(const unsigned char* data, size_t size, size_t bitPos, unsigned n, uint64_t& value) {
     value = 0;
     if (!data || !fieldFits(size, bitPos, n))
         return false;
@@ -77,14 +76,11 @@ bool CMpegMisc::is_video_stream_type(uint8_t stream_type) {
     case 0xD1:  // Dirac
     case 0xEA:  // VC-1
         return true;
-    default:
-        return false;
+    default: return false;
     }
 }
 
-uint64_t CMpegMisc::decimal_to_bcd(uint64_t value) {
-    return std::strtoull(std::to_string(value).c_str(), nullptr, 16);
-}
+uint64_t CMpegMisc::decimal_to_bcd(uint64_t value) { return std::strtoull(std::to_string(value).c_str(), nullptr, 16); }
 
 int CMpegMisc::bcd_to_decimal(uint8_t bcd) {
     char text[4];
@@ -146,8 +142,8 @@ bool CMpegMisc::read_section_header(CBaseMpegTable& table, VQSDK::VQBSReaderT<un
     return table.CBaseMpegTable::read(reader);
 }
 
-CMpegMisc::loop_result CMpegMisc::read_descriptor_loop(VQSDK::VQBSReaderT<unsigned char*>& reader,
-                                                       uint16_t length, VQDescriptorList& list) {
+CMpegMisc::loop_result CMpegMisc::read_descriptor_loop(VQSDK::VQBSReaderT<unsigned char*>& reader, uint16_t length,
+                                                       VQDescriptorList& list) {
     if (length > reader.getLength())
         return loop_result::too_long;
     VQSDK::VQBSReaderT<unsigned char*> loop(reader.getData(), length);

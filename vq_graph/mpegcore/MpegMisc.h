@@ -24,8 +24,7 @@ public:
     // field does not fit.
     static bool AddBitToStream(unsigned char* data, size_t size, size_t bitPos, uint64_t value, unsigned n);
     // Reads n (1..64) bits at bit offset bitPos; false when they are not all there.
-    static bool GetBitsFromStream(const unsigned char* data, size_t size, size_t bitPos, unsigned n,
-                                  uint64_t& value);
+    static bool GetBitsFromStream(const unsigned char* data, size_t size, size_t bitPos, unsigned n, uint64_t& value);
 
     // Whether a raw 188-byte packet carries a PCR (adaptation field present,
     // non-empty, PCR_flag set). Looks only inside the size bytes given.
@@ -66,8 +65,7 @@ public:
     // The common section header through the base's read, after making sure
     // the reader holds the 3 header bytes; false otherwise. Only with a whole
     // header may the section's length and CRC be checked from its start.
-    static bool read_section_header(CBaseMpegTable& table,
-                                    VQSDK::VQBSReaderT<unsigned char*>& reader);
+    static bool read_section_header(CBaseMpegTable& table, VQSDK::VQBSReaderT<unsigned char*>& reader);
 
     // Result of read_descriptor_loop.
     enum class loop_result { ok, list_failed, too_long };
@@ -76,8 +74,8 @@ public:
     // reader over exactly those bytes, then moves `reader` past them whatever
     // the list consumed. too_long (nothing read) when the loop does not fit
     // in what the reader has left.
-    static loop_result read_descriptor_loop(VQSDK::VQBSReaderT<unsigned char*>& reader,
-                                            uint16_t length, VQDescriptorList& list);
+    static loop_result read_descriptor_loop(VQSDK::VQBSReaderT<unsigned char*>& reader, uint16_t length,
+                                            VQDescriptorList& list);
 
     // Reads N bits into field; on running out of data the field becomes 0
     // (not the bits read so far) and the result is false.

@@ -14,9 +14,7 @@ void CBaseTransportStream::copyTo(CBaseTransportStream* target) const {
     descriptors.copyTo(target->descriptors);
 }
 
-uint16_t CBaseTransportStream::getSize() const {
-    return static_cast<uint16_t>(6 + descriptors.getSize());
-}
+uint16_t CBaseTransportStream::getSize() const { return static_cast<uint16_t>(6 + descriptors.getSize()); }
 
 void CNIT::Clear() {
     descriptors.clear();
@@ -41,8 +39,8 @@ bool CNIT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     reader.getBits<12>(transport_stream_loop_length);
     const bool loopRead = CTransportStreamLoop::read(transport_stream_loop_length, [&] {
         auto stream = std::make_shared<CBaseTransportStream>();
-        if (!CTransportStreamLoop::readEntry(reader, *stream, stream->network_descriptors_length,
-                                             stream->descriptors, false))
+        if (!CTransportStreamLoop::readEntry(reader, *stream, stream->network_descriptors_length, stream->descriptors,
+                                             false))
             return -1;
         transport_stream.push_back(stream);
         return int(stream->network_descriptors_length);
@@ -51,9 +49,7 @@ bool CNIT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     return loopRead;
 }
 
-uint16_t CNIT::calc_transport_stream_loop_length() const {
-    return CTransportStreamLoop::length(transport_stream);
-}
+uint16_t CNIT::calc_transport_stream_loop_length() const { return CTransportStreamLoop::length(transport_stream); }
 
 uint16_t CNIT::calc_section_length() const {
     return static_cast<uint16_t>(13 + descriptors.getSize() + calc_transport_stream_loop_length());

@@ -30,9 +30,7 @@ bool CPAT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     return reader.getBits<32>(CRC);
 }
 
-uint16_t CPAT::calc_section_length() const {
-    return static_cast<uint16_t>(9 + 4 * program_map.size());
-}
+uint16_t CPAT::calc_section_length() const { return static_cast<uint16_t>(9 + 4 * program_map.size()); }
 
 bool CPAT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);

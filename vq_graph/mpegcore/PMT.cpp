@@ -15,9 +15,7 @@ void CBaseStreamTypeMap::copyTo(CBaseStreamTypeMap* target) const {
     descriptors.copyTo(target->descriptors);
 }
 
-uint16_t CBaseStreamTypeMap::getSize() const {
-    return static_cast<uint16_t>(5 + descriptors.getSize());
-}
+uint16_t CBaseStreamTypeMap::getSize() const { return static_cast<uint16_t>(5 + descriptors.getSize()); }
 
 void CPMT::Clear() {
     CBaseMpegTable::Clear();
@@ -34,8 +32,7 @@ bool CPMT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
           reader.getBits<13>(PCR_PID) && reader.getBits<4>(reserved3) && reader.getBits<12>(program_info_length)))
         return false;
     if (program_info_length != 0 &&
-        CMpegMisc::read_descriptor_loop(reader, program_info_length, descriptors) ==
-            CMpegMisc::loop_result::too_long)
+        CMpegMisc::read_descriptor_loop(reader, program_info_length, descriptors) == CMpegMisc::loop_result::too_long)
         return false;
 
     // Section bytes after the program descriptors; the last 4 are the CRC.
@@ -104,9 +101,9 @@ void CPMT::copyTo(CPMT* target) const {
 
 int CPMT::operator!=(const CPMT& other) const {
     return !sameSectionHeader(other) || program_number != other.program_number || reserved1 != other.reserved1 ||
-           !sameVersion(*this, other) || reserved2 != other.reserved2 ||
-           PCR_PID != other.PCR_PID || reserved3 != other.reserved3 ||
-           program_info_length != other.program_info_length || stream_map.size() != other.stream_map.size();
+           !sameVersion(*this, other) || reserved2 != other.reserved2 || PCR_PID != other.PCR_PID ||
+           reserved3 != other.reserved3 || program_info_length != other.program_info_length ||
+           stream_map.size() != other.stream_map.size();
 }
 
 }  // namespace mpegcore

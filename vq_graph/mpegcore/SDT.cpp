@@ -16,9 +16,7 @@ void CServiceDescriptionSection::copyTo(CServiceDescriptionSection* target) cons
     descriptors.copyTo(target->descriptors);
 }
 
-uint16_t CServiceDescriptionSection::getSize() const {
-    return static_cast<uint16_t>(5 + descriptors.getSize());
-}
+uint16_t CServiceDescriptionSection::getSize() const { return static_cast<uint16_t>(5 + descriptors.getSize()); }
 
 void CSDT::Clear() {
     sds.clear();

@@ -22,8 +22,7 @@ bool avail_descriptor::write(descriptor_writer& writer) {
 
 bool scte35_dtmf_descriptor::read(descriptor_reader& reader) {
     return readHeader(reader) && reader.getBits<32>(identifier) && reader.getBits<8>(preroll) &&
-           reader.getBits<3>(dtmf_count) && reader.getBits<5>(reserved) &&
-           readBytes(reader, DTMF_chars, dtmf_count);
+           reader.getBits<3>(dtmf_count) && reader.getBits<5>(reserved) && readBytes(reader, DTMF_chars, dtmf_count);
 }
 
 bool scte35_dtmf_descriptor::write(descriptor_writer& writer) {
@@ -47,11 +46,11 @@ bool scte35_segmentation_descriptor::read(descriptor_reader& reader) {
     if (!(reader.getBits<1>(program_segmentation_flag) && reader.getBits<1>(segmentation_duration_flag) &&
           reader.getBits<1>(delivery_not_restricted_flag)))
         return false;
-    const bool restrictionsRead =
-        delivery_not_restricted_flag
-            ? reader.getBits<5>(reserved2)
-            : reader.getBits<1>(web_delivery_allowed_flag) && reader.getBits<1>(no_regional_blackout_flag) &&
-                  reader.getBits<1>(archive_allowed_flag) && reader.getBits<2>(device_restrictions);
+    const bool restrictionsRead = delivery_not_restricted_flag ? reader.getBits<5>(reserved2)
+                                                               : reader.getBits<1>(web_delivery_allowed_flag) &&
+                                                                     reader.getBits<1>(no_regional_blackout_flag) &&
+                                                                     reader.getBits<1>(archive_allowed_flag) &&
+                                                                     reader.getBits<2>(device_restrictions);
     if (!restrictionsRead)
         return false;
     if (!program_segmentation_flag) {
@@ -68,9 +67,8 @@ bool scte35_segmentation_descriptor::read(descriptor_reader& reader) {
     if (segmentation_duration_flag && !reader.getBits<40>(segmentation_duration))
         return false;
     if (!(reader.getBits<8>(segmentation_upid_type) && reader.getBits<8>(segmentation_upid_length) &&
-          readBytes(reader, segmentation_upid, segmentation_upid_length) &&
-          reader.getBits<8>(segmentation_type_id) && reader.getBits<8>(segment_num) &&
-          reader.getBits<8>(segments_expected)))
+          readBytes(reader, segmentation_upid, segmentation_upid_length) && reader.getBits<8>(segmentation_type_id) &&
+          reader.getBits<8>(segment_num) && reader.getBits<8>(segments_expected)))
         return false;
     if (bytesAfterUpid() == kBytesWithoutSubSegments)
         return true;
@@ -86,11 +84,11 @@ bool scte35_segmentation_descriptor::write(descriptor_writer& writer) {
     if (!(put<1>(writer, program_segmentation_flag) && put<1>(writer, segmentation_duration_flag) &&
           put<1>(writer, delivery_not_restricted_flag)))
         return false;
-    const bool restrictionsPut =
-        delivery_not_restricted_flag
-            ? put<5>(writer, reserved2)
-            : put<1>(writer, web_delivery_allowed_flag) && put<1>(writer, no_regional_blackout_flag) &&
-                  put<1>(writer, archive_allowed_flag) && put<2>(writer, device_restrictions);
+    const bool restrictionsPut = delivery_not_restricted_flag
+                                     ? put<5>(writer, reserved2)
+                                     : put<1>(writer, web_delivery_allowed_flag) &&
+                                           put<1>(writer, no_regional_blackout_flag) &&
+                                           put<1>(writer, archive_allowed_flag) && put<2>(writer, device_restrictions);
     if (!restrictionsPut)
         return false;
     if (!program_segmentation_flag) {

@@ -8,7 +8,7 @@
 namespace mpegcore {
 
 namespace {
-constexpr size_t kHeaderSize = 3;   // table_id and section_length
+constexpr size_t kHeaderSize = 3;  // table_id and section_length
 constexpr unsigned char kStuffing = 0xFF;
 }  // namespace
 

@@ -17,7 +17,7 @@ constexpr uint8_t kTypeTimestamp = 0x20;
 constexpr uint8_t kTransportStreamMode = 3;  // TS/GS of a transport stream
 constexpr size_t kHeaderBytes = 6;
 constexpr size_t kCrcBytes = 4;
-constexpr size_t kFramePrefixBytes = 3;    // frame_idx, plp_id, intl_frame_start + rfu
+constexpr size_t kFramePrefixBytes = 3;  // frame_idx, plp_id, intl_frame_start + rfu
 constexpr size_t kBBHeaderBytes = 10;
 constexpr size_t kBBHeaderCrcSpan = 9;
 constexpr size_t kAuxHeaderBytes = 3;
@@ -124,17 +124,10 @@ void CT2MIToTS::ParcerT2MI() {
     const size_t size = payloadBytes < room ? payloadBytes : room;
     unsigned char* payload = data + kHeaderBytes;
     switch (h.packet_type) {
-    case kTypeBasebandFrame:
-        ParserBBFrame(payload, size);
-        break;
-    case kTypeTimestamp:
-        parseTimeStamp(payload, size);
-        break;
-    case kTypeAuxiliaryIQ:
-        parseAuxiliaryStream(payload, size);
-        break;
-    default:
-        break;  // L1 signalling, FEF and the rest are not needed for the TS
+    case kTypeBasebandFrame: ParserBBFrame(payload, size); break;
+    case kTypeTimestamp: parseTimeStamp(payload, size); break;
+    case kTypeAuxiliaryIQ: parseAuxiliaryStream(payload, size); break;
+    default: break;  // L1 signalling, FEF and the rest are not needed for the TS
     }
 }
 

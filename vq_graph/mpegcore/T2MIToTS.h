@@ -38,8 +38,8 @@ struct T2MIMATYPE {
 
 struct T2MIBBHeader {
     T2MIMATYPE MATYPE;
-    uint16_t UPL = 0;    // bits
-    uint16_t DFL = 0;    // bits
+    uint16_t UPL = 0;  // bits
+    uint16_t DFL = 0;  // bits
     uint8_t SYNC = 0;
     uint16_t SYNCD = 0;  // bits
     uint8_t CRC8 = 0;
@@ -72,7 +72,7 @@ struct T2MIAuxiliaryStream {
     uint16_t rfu = 0;
     unsigned char* pStartAuxSreamData = nullptr;  // the whole payload
     int64_t lStartAuxSreamDataSize = 0;
-    unsigned char* pAuxSreamData = nullptr;       // after frame_idx, aux_id and rfu
+    unsigned char* pAuxSreamData = nullptr;  // after frame_idx, aux_id and rfu
     int64_t lAuxSreamDataSize = 0;
 };
 

@@ -25,9 +25,7 @@ bool CTOT::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     return true;
 }
 
-uint16_t CTOT::calc_section_length() const {
-    return static_cast<uint16_t>(11 + descriptors.getSize());
-}
+uint16_t CTOT::calc_section_length() const { return static_cast<uint16_t>(11 + descriptors.getSize()); }
 
 bool CTOT::RenderTable() {
     VQSDK::VQBSWriterT<unsigned char*> writer(m_pDataTable, m_lMaxSize);

@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint64_t kMs = CTsAnalyzer::ms;
 constexpr uint64_t kSecond = 1000 * kMs;
-constexpr uint64_t kPsiLimit = 500 * kMs;       // PAT, PMT, unreferenced PIDs
+constexpr uint64_t kPsiLimit = 500 * kMs;  // PAT, PMT, unreferenced PIDs
 constexpr uint64_t kPcrLimit = 100 * kMs;
 constexpr uint64_t kPtsLimit = 700 * kMs;
 constexpr uint64_t kMinSpacing = 25 * kMs;
@@ -23,7 +23,7 @@ constexpr uint64_t kScanPeriod = 10 * kMs;
 constexpr uint64_t kPcrWrap = (uint64_t(1) << 33) * 300;  // PCR period in 27 MHz ticks
 constexpr uint64_t kPcrTicksPerSecond = 27000000;
 constexpr uint64_t kPcrJumpTicks = kPcrTicksPerSecond / 10;  // 100 ms
-constexpr long double kPcrAccuracyTicks = 13.5L;            // 500 ns
+constexpr long double kPcrAccuracyTicks = 13.5L;             // 500 ns
 constexpr unsigned kGoodToRegain = 5;
 constexpr unsigned kBadToLose = 2;
 constexpr uint8_t kCaTag = 9;
@@ -92,7 +92,14 @@ uint32_t storedCrc(const unsigned char* section, size_t size) {
 // PES stream ids without the optional header (and so without PTS/DTS).
 bool hasPesHeader(uint8_t streamId) {
     switch (streamId) {
-    case 0xBC: case 0xBE: case 0xBF: case 0xF0: case 0xF1: case 0xF2: case 0xF8: case 0xFF: return false;
+    case 0xBC:
+    case 0xBE:
+    case 0xBF:
+    case 0xF0:
+    case 0xF1:
+    case 0xF2:
+    case 0xF8:
+    case 0xFF: return false;
     default: return true;
     }
 }
@@ -246,8 +253,8 @@ void CTsAnalyzer::push_raw(uint64_t tStart, uint64_t tStop, const uint8_t* data,
             // Still searching: join the rest too.
             const size_t held = m_raw.size();
             m_raw.insert(m_raw.end(), data + offset, data + size);
-            const size_t more = scanRun(m_raw.data(), m_raw.size(), static_cast<ptrdiff_t>(offset) -
-                                                                        static_cast<ptrdiff_t>(held));
+            const size_t more =
+                scanRun(m_raw.data(), m_raw.size(), static_cast<ptrdiff_t>(offset) - static_cast<ptrdiff_t>(held));
             m_nRawPos += more;
             m_raw.erase(m_raw.begin(), m_raw.begin() + static_cast<ptrdiff_t>(more));
             return;
@@ -333,7 +340,8 @@ void CTsAnalyzer::analyse(uint64_t time, uint64_t pos, const uint8_t* packet) {
     if (m_nPackets == 0) {
         m_tFirst = time;
         m_tLastScan = time;
-        for (interval* iv : {&m_patPackets, &m_patSections2, &m_nit, &m_nitActual, &m_sdtActual, &m_eitActual, &m_tdt}) {
+        for (interval* iv :
+             {&m_patPackets, &m_patSections2, &m_nit, &m_nitActual, &m_sdtActual, &m_eitActual, &m_tdt}) {
             iv->last = time;
             iv->armed = true;
         }
@@ -822,9 +830,8 @@ std::vector<ts_pid_figures> CTsAnalyzer::pid_figures() const {
         ts_pid_figures f;
         f.pid = pid;
         f.packets = st.packets;
-        f.bitrate = m_nPackets ? static_cast<uint64_t>(static_cast<long double>(st.packets) * stream.bitrate /
-                                                       m_nPackets)
-                               : 0;
+        f.bitrate =
+            m_nPackets ? static_cast<uint64_t>(static_cast<long double>(st.packets) * stream.bitrate / m_nPackets) : 0;
         f.cc_errors = st.cc_errors;
         f.duplicates = st.duplicates;
         f.scrambled = st.scrambled;

@@ -260,8 +260,8 @@ private:
     bool m_bInSync = true;
     unsigned m_nBadInRow = 0;
     size_t m_nPacketSize = kTsPacketSize;
-    std::vector<uint8_t> m_raw;          // raw bytes carried to the next call
-    uint64_t m_nRawPos = 0;              // stream offset of m_raw's first byte
+    std::vector<uint8_t> m_raw;                // raw bytes carried to the next call
+    uint64_t m_nRawPos = 0;                    // stream offset of m_raw's first byte
     uint64_t m_tRunStart = 0, m_tRunStop = 0;  // the current chunk's time span
     size_t m_nRunSize = 0;                     // and size
     bool m_bRawAligned = false;
@@ -269,21 +269,21 @@ private:
     std::vector<uint64_t> m_regainTimes;
 
     // Structure from the PAT, PMTs and CAT.
-    std::map<uint16_t, program_info> m_programs;  // by PMT PID
+    std::map<uint16_t, program_info> m_programs;                    // by PMT PID
     std::map<uint8_t, std::map<uint16_t, uint16_t>> m_patSections;  // section -> PMT PID -> program
-    std::map<uint8_t, uint32_t> m_patCrcs;  // section -> its CRC
+    std::map<uint8_t, uint32_t> m_patCrcs;                          // section -> its CRC
     bool m_bHasPat = false;
     std::vector<uint16_t> m_emmPids;
     bool m_bHasCat = false;
     uint32_t m_nCatCrc = 0;
-    std::vector<uint8_t> m_referenced;   // by PID: named by a PMT, the PAT or the CAT
-    std::vector<int> m_service;          // by PID: program number, -1 none
+    std::vector<uint8_t> m_referenced;  // by PID: named by a PMT, the PAT or the CAT
+    std::vector<int> m_service;         // by PID: program number, -1 none
 
     // Stream-wide intervals.
     interval m_patPackets, m_patSections2, m_nit, m_nitActual, m_sdtActual, m_eitActual, m_tdt;
     std::map<uint32_t, interval> m_nitOther, m_sdtOther, m_eitOther, m_bat, m_tot;
     std::map<subtable_key, uint64_t> m_lastSection;  // for the 25 ms spacing
-    std::map<subtable_key, table_state> m_tables;     // section_number 0 in the key
+    std::map<subtable_key, table_state> m_tables;    // section_number 0 in the key
     std::map<subtable_key, pf_state> m_pf;
 
     // PCR-based stream rate: bits and 27 MHz ticks between consecutive PCRs.

@@ -112,10 +112,10 @@ public:
         std::swap(m_length, other.m_length);
     }
 
-    uint64_t m_Cache;      // loaded bits, right-aligned; next bit is m_sizeCache - 1
-    uint64_t m_sizeCache;  // unread bits in the cache, 0 = exhausted
-    unsigned char* m_data; // first byte not yet loaded
-    uint64_t m_length;     // bytes from m_data not yet loaded
+    uint64_t m_Cache;       // loaded bits, right-aligned; next bit is m_sizeCache - 1
+    uint64_t m_sizeCache;   // unread bits in the cache, 0 = exhausted
+    unsigned char* m_data;  // first byte not yet loaded
+    uint64_t m_length;      // bytes from m_data not yet loaded
 
 private:
     uint64_t cachedBytes() const { return (m_sizeCache + 7) / 8; }

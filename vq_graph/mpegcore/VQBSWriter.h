@@ -16,9 +16,7 @@ public:
         : m_cache(0), m_sizeCache(64), m_data(data), m_length(length), m_writeByte(0) {}
 
     // Stores what the cache still holds, without touching the counters.
-    virtual ~VQBSWriterT() {
-        store(m_data, heldBytes());
-    }
+    virtual ~VQBSWriterT() { store(m_data, heldBytes()); }
 
     // Appends the low n bits of value, most significant first. The value is not
     // masked: bits above n spill into bits written before, so callers pass values
@@ -74,11 +72,11 @@ public:
         m_length = length;
     }
 
-    uint64_t m_cache;      // written bits, left-aligned
-    uint64_t m_sizeCache;  // free bit positions, 64 = empty
-    unsigned char* m_data; // where the next byte goes
-    uint64_t m_length;     // bytes of room left
-    uint64_t m_writeByte;  // bytes stored so far
+    uint64_t m_cache;       // written bits, left-aligned
+    uint64_t m_sizeCache;   // free bit positions, 64 = empty
+    unsigned char* m_data;  // where the next byte goes
+    uint64_t m_length;      // bytes of room left
+    uint64_t m_writeByte;   // bytes stored so far
 
 private:
     uint64_t heldBytes() const { return 8 - m_sizeCache / 8; }

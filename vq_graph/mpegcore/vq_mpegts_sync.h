@@ -72,9 +72,7 @@ private:
     // when the tail and frame must be joined whole.
     bool completeHeldPacket(uint64_t tStart, uint64_t tStop, uint8_t* data, size_t size);
     // Time of the byte `offset` bytes into the current run.
-    uint64_t timeAt(size_t offset) const {
-        return m_tStart + (m_tStop - m_tStart) * offset / m_nSize;
-    }
+    uint64_t timeAt(size_t offset) const { return m_tStart + (m_tStop - m_tStart) * offset / m_nSize; }
 };
 
 class vq_mpegts_accum {

@@ -21,10 +21,8 @@ bool isT2DeliverySystem(const VQSDK::VQBSReaderT<unsigned char*>& reader) {
 
 bool VQDescriptorList::read(VQSDK::VQBSReaderT<unsigned char*>& reader) {
     switch (m_type) {
-    case e_ts_desc_type:
-        return readTS(reader);
-    case e_scte35_desc_type:
-        return readSCTE35(reader);
+    case e_ts_desc_type: return readTS(reader);
+    case e_scte35_desc_type: return readSCTE35(reader);
     }
     return false;
 }

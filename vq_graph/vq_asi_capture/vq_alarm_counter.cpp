@@ -1,8 +1,7 @@
 #include "vq_asi_capture/vq_alarm_counter.h"
 
-vq_alarm_counter::vq_alarm_counter(std::chrono::seconds duration, VQAlarmCode code,
-                                   VQAlarmLevel level, const std::string& source,
-                                   const std::string& description, uint32_t stream_type,
+vq_alarm_counter::vq_alarm_counter(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
+                                   const std::string& source, const std::string& description, uint32_t stream_type,
                                    uint32_t stream_pid)
     : vq_i_alarm_event(code, level, source, description, stream_type, stream_pid),
       m_time_point(std::chrono::steady_clock::now()),
@@ -14,8 +13,8 @@ bool vq_alarm_counter::check() {
     vq_alarm_data changed;
     {
         std::lock_guard<std::mutex> lock(m_csData);
-        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
-            std::chrono::steady_clock::now() - m_time_point.load());
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_time_point.load());
         if (elapsed <= m_duration || !set_active(false))
             return m_bAlarm;
         changed = m_data;

@@ -11,9 +11,8 @@
 
 class vq_alarm_counter : public vq_i_alarm_event {
 public:
-    vq_alarm_counter(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
-                     const std::string& source, const std::string& description,
-                     uint32_t stream_type, uint32_t stream_pid);
+    vq_alarm_counter(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level, const std::string& source,
+                     const std::string& description, uint32_t stream_type, uint32_t stream_pid);
 
     // Clears the activity once more than the duration has passed since the last
     // occurrence; returns whether anything occurred since the last reset.

@@ -1,8 +1,8 @@
 #include "vq_asi_capture/vq_alarm_event.h"
 
 vq_alarm_event::vq_alarm_event(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
-                               const std::string& source, const std::string& description,
-                               uint32_t stream_type, uint32_t stream_pid)
+                               const std::string& source, const std::string& description, uint32_t stream_type,
+                               uint32_t stream_pid)
     : vq_i_alarm_event(code, level, source, description, stream_type, stream_pid),
       m_time_point(std::chrono::steady_clock::now()),
       m_duration(duration) {}
@@ -12,8 +12,8 @@ bool vq_alarm_event::check() {
     bool transition = false;
     {
         std::lock_guard<std::mutex> lock(m_csData);
-        const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
-            std::chrono::steady_clock::now() - m_time_point.load());
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_time_point.load());
         if (elapsed > m_duration) {
             m_bAlarm = true;
             if (!m_data.active) {

@@ -11,9 +11,8 @@
 
 class vq_alarm_event : public vq_i_alarm_event {
 public:
-    vq_alarm_event(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
-                   const std::string& source, const std::string& description, uint32_t stream_type,
-                   uint32_t stream_pid);
+    vq_alarm_event(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level, const std::string& source,
+                   const std::string& description, uint32_t stream_type, uint32_t stream_pid);
 
     // Active when more than the duration (whole seconds, truncated) has passed since
     // the last event; each activation counts once and stamps reg_time.

@@ -75,20 +75,17 @@ std::string vq_alarms_dispatcher::get_source_name() const {
     return m_strSourceName;
 }
 
-void vq_alarms_dispatcher::set_alarm_manager(vq_i_alarm_manager* manager) {
-    m_alarm_helper.set_alarm_manager(manager);
-}
+void vq_alarms_dispatcher::set_alarm_manager(vq_i_alarm_manager* manager) { m_alarm_helper.set_alarm_manager(manager); }
 
 void vq_alarms_dispatcher::start() {
     std::lock_guard<std::mutex> lock(m_cs);
     if (m_strSourceName.empty())
         return;
-    add_alarm(kInputAlarmDuration, eAlarmASIInputSyncLost, vq_error_alarm, m_strSourceName,
-              "Sync lost ", m_aSyncLost);
-    add_alarm(kInputAlarmDuration, eAlarmASIInputRawNoInputData, vq_error_alarm, m_strSourceName,
-              "No raw input data ", m_aNoRawInput);
-    add_alarm(kInputAlarmDuration, eAlarmASIInputNoInputData, vq_error_alarm, m_strSourceName,
-              "No input data ", m_aNoInput);
+    add_alarm(kInputAlarmDuration, eAlarmASIInputSyncLost, vq_error_alarm, m_strSourceName, "Sync lost ", m_aSyncLost);
+    add_alarm(kInputAlarmDuration, eAlarmASIInputRawNoInputData, vq_error_alarm, m_strSourceName, "No raw input data ",
+              m_aNoRawInput);
+    add_alarm(kInputAlarmDuration, eAlarmASIInputNoInputData, vq_error_alarm, m_strSourceName, "No input data ",
+              m_aNoInput);
     m_alarm_helper.start();
 }
 
@@ -108,38 +105,29 @@ void vq_alarms_dispatcher::stop() {
     m_alarm_helper.stop();
 }
 
-void vq_alarms_dispatcher::sync_lost_event() {
-    feed(m_aSyncLost);
-}
+void vq_alarms_dispatcher::sync_lost_event() { feed(m_aSyncLost); }
 
-void vq_alarms_dispatcher::raw_input_data_event() {
-    feed(m_aNoRawInput);
-}
+void vq_alarms_dispatcher::raw_input_data_event() { feed(m_aNoRawInput); }
 
-void vq_alarms_dispatcher::input_data_event() {
-    feed(m_aNoInput);
-}
+void vq_alarms_dispatcher::input_data_event() { feed(m_aNoInput); }
 
 void vq_alarms_dispatcher::cc_event(uint16_t pid) {
     pid_event(m_mapAlarmCC, pid, eAlarmRemuxerInputCC, "CC error on PID ");
 }
 
 void vq_alarms_dispatcher::tei_event(uint16_t pid) {
-    pid_event(m_mapAlarmPIDScrambled, pid, eAlarmRemuxerInputScrambler,
-              "Packet is scrambled on PID ");
+    pid_event(m_mapAlarmPIDScrambled, pid, eAlarmRemuxerInputScrambler, "Packet is scrambled on PID ");
 }
 
 void vq_alarms_dispatcher::scrambled_event(uint16_t pid) {
     pid_event(m_mapAlarmTEIError, pid, eAlarmRemuxerInputTEI, "TEI error on PID ");
 }
 
-void vq_alarms_dispatcher::pid_event(pid_alarm_map& alarms, uint16_t pid, VQAlarmCode code,
-                                     const char* text) {
+void vq_alarms_dispatcher::pid_event(pid_alarm_map& alarms, uint16_t pid, VQAlarmCode code, const char* text) {
     std::lock_guard<std::mutex> lock(m_cs);
     auto found = alarms.find(pid);
     if (found == alarms.end()) {
-        auto alarm = std::make_shared<vq_alarm_counter>(kPidAlarmDuration, code, vq_error_alarm,
-                                                        m_strSourceName,
+        auto alarm = std::make_shared<vq_alarm_counter>(kPidAlarmDuration, code, vq_error_alarm, m_strSourceName,
                                                         text + std::to_string(pid), 0, pid);
         alarm->set_transition_observer(m_pObserver);
         m_alarm_helper.reg_alarm(alarm);
@@ -148,8 +136,7 @@ void vq_alarms_dispatcher::pid_event(pid_alarm_map& alarms, uint16_t pid, VQAlar
     found->second->event(1);
 }
 
-bool vq_alarms_dispatcher::reuse_alarm(const std::string& source,
-                                       std::shared_ptr<vq_i_alarm_event>& out) {
+bool vq_alarms_dispatcher::reuse_alarm(const std::string& source, std::shared_ptr<vq_i_alarm_event>& out) {
     if (!out)
         return false;
     if (out->get_data().source == source) {
@@ -161,9 +148,8 @@ bool vq_alarms_dispatcher::reuse_alarm(const std::string& source,
     return false;
 }
 
-void vq_alarms_dispatcher::add_alarm(std::chrono::seconds duration, VQAlarmCode code,
-                                     VQAlarmLevel level, const std::string& source,
-                                     const std::string& description,
+void vq_alarms_dispatcher::add_alarm(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
+                                     const std::string& source, const std::string& description,
                                      std::shared_ptr<vq_i_alarm_event>& out) {
     if (!reuse_alarm(source, out)) {
         out = m_alarm_helper.add_alarm(duration, code, level, source, description, 0, 0);
@@ -171,9 +157,8 @@ void vq_alarms_dispatcher::add_alarm(std::chrono::seconds duration, VQAlarmCode 
     }
 }
 
-void vq_alarms_dispatcher::add_alarm_counter(std::chrono::seconds duration, VQAlarmCode code,
-                                             VQAlarmLevel level, const std::string& source,
-                                             const std::string& description,
+void vq_alarms_dispatcher::add_alarm_counter(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
+                                             const std::string& source, const std::string& description,
                                              std::shared_ptr<vq_i_alarm_event>& out) {
     if (!reuse_alarm(source, out)) {
         out = m_alarm_helper.add_alarm_counter(duration, code, level, source, description, 0, 0);

@@ -62,9 +62,8 @@ public:
 
 protected:
     // Reuses out (reset) when it belongs to the current source; otherwise replaces it.
-    void add_alarm(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
-                   const std::string& source, const std::string& description,
-                   std::shared_ptr<vq_i_alarm_event>& out);
+    void add_alarm(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level, const std::string& source,
+                   const std::string& description, std::shared_ptr<vq_i_alarm_event>& out);
     // Kept for the interface; nothing uses it (per-PID counters are made by pid_event).
     void add_alarm_counter(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
                            const std::string& source, const std::string& description,

@@ -69,50 +69,26 @@ vq_asi_capture::~vq_asi_capture() { close(); }
 
 void vq_asi_capture::set_property(guint prop_id, const GValue* value, GParamSpec* pspec) {
     switch (prop_id) {
-    case PROP_V4L2:
-        m_strV4l2Name = g_value_get_string(value);
-        break;
-    case PROP_INPUT_TYPE:
-        m_eInputType = static_cast<eInputType>(g_value_get_int(value));
-        break;
-    case PROP_PLP:
-        m_nPLP = static_cast<uint8_t>(g_value_get_int(value));
-        break;
-    case PROP_ALARM_SOURCE_NAME:
-        m_alarms.set_source_name(g_value_get_string(value));
-        break;
+    case PROP_V4L2: m_strV4l2Name = g_value_get_string(value); break;
+    case PROP_INPUT_TYPE: m_eInputType = static_cast<eInputType>(g_value_get_int(value)); break;
+    case PROP_PLP: m_nPLP = static_cast<uint8_t>(g_value_get_int(value)); break;
+    case PROP_ALARM_SOURCE_NAME: m_alarms.set_source_name(g_value_get_string(value)); break;
     case PROP_ALARM_MANAGER:
         m_alarms.set_alarm_manager(static_cast<vq_i_alarm_manager*>(g_value_get_pointer(value)));
         break;
-    default:
-        warn_invalid_property_id(G_OBJECT(m_pElement), prop_id, pspec);
-        break;
+    default: warn_invalid_property_id(G_OBJECT(m_pElement), prop_id, pspec); break;
     }
 }
 
 void vq_asi_capture::get_property(guint prop_id, GValue* value, GParamSpec* pspec) {
     switch (prop_id) {
-    case PROP_V4L2:
-        g_value_set_string(value, m_strV4l2Name.c_str());
-        break;
-    case PROP_INPUT_TYPE:
-        g_value_set_int(value, m_eInputType);
-        break;
-    case PROP_PLP:
-        g_value_set_int(value, m_nPLP);
-        break;
-    case PROP_STATISTICS:
-        get_statistics(value);
-        break;
-    case PROP_ALARM_SOURCE_NAME:
-        g_value_set_string(value, m_alarms.get_source_name().c_str());
-        break;
-    case PROP_STATS:
-        get_stats(value);
-        break;
-    default:
-        warn_invalid_property_id(G_OBJECT(m_pElement), prop_id, pspec);
-        break;
+    case PROP_V4L2: g_value_set_string(value, m_strV4l2Name.c_str()); break;
+    case PROP_INPUT_TYPE: g_value_set_int(value, m_eInputType); break;
+    case PROP_PLP: g_value_set_int(value, m_nPLP); break;
+    case PROP_STATISTICS: get_statistics(value); break;
+    case PROP_ALARM_SOURCE_NAME: g_value_set_string(value, m_alarms.get_source_name().c_str()); break;
+    case PROP_STATS: get_stats(value); break;
+    default: warn_invalid_property_id(G_OBJECT(m_pElement), prop_id, pspec); break;
     }
 }
 
@@ -123,33 +99,34 @@ void vq_asi_capture::get_statistics(GValue* value) {
 
 void vq_asi_capture::get_stats(GValue* value) const {
     const vq_video_statistics& asi = m_statistics.asi();
+    // clang-format off: one field a line
     GstStructure* stats = gst_structure_new(
-        "application/x-vqasi-stats",
-        "system-time", G_TYPE_UINT64, static_cast<guint64>(m_statistics.m_nSystemTime.load()),
-        "signal-state", G_TYPE_STRING, asi.get_state_string().c_str(),
-        "no-data-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoData.load()),
-        "no-link-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLink.load()),
-        "no-lock-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLock.load()),
-        "range-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalRange.load()),
-        "unknown-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalUnknown.load()),
-        "bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_bit_rate()),
-        "raw-bitrate", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_bit_rate()),
-        "bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_data_counter()),
-        "raw-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_raw_data_count()),
-        "bad-bytes", G_TYPE_UINT64, static_cast<guint64>(asi.get_bad_bytes()),
-        "frames", G_TYPE_UINT64, static_cast<guint64>(asi.nPushIndexFrame.load()),
-        "dropped-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nDroppedFrame.load()),
-        "fake-frames", G_TYPE_UINT64, static_cast<guint64>(asi.nFakeFrames.load()),
-        "map-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.min()),
-        "map-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.avr()),
-        "map-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_map_delay.max()),
-        "push-delay-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.min()),
-        "push-delay-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.avr()),
-        "push-delay-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_push_delay.max()),
-        "frame-interval-min", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.min()),
-        "frame-interval-avg", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.avr()),
-        "frame-interval-max", G_TYPE_UINT64, static_cast<guint64>(asi.m_delay_between_frame.max()),
-        "last-error", G_TYPE_STRING, asi.get_errors().c_str(), nullptr);
+        "application/x-vqasi-stats", "system-time", G_TYPE_UINT64,
+        static_cast<guint64>(m_statistics.m_nSystemTime.load()), "signal-state", G_TYPE_STRING,
+        asi.get_state_string().c_str(), "no-data-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoData.load()),
+        "no-link-count", G_TYPE_UINT, static_cast<guint>(asi.nSignalNoLink.load()), "no-lock-count", G_TYPE_UINT,
+        static_cast<guint>(asi.nSignalNoLock.load()), "range-count", G_TYPE_UINT,
+        static_cast<guint>(asi.nSignalRange.load()), "unknown-count", G_TYPE_UINT,
+        static_cast<guint>(asi.nSignalUnknown.load()), "bitrate", G_TYPE_UINT64,
+        static_cast<guint64>(asi.get_bit_rate()), "raw-bitrate", G_TYPE_UINT64,
+        static_cast<guint64>(asi.get_raw_bit_rate()), "bytes", G_TYPE_UINT64,
+        static_cast<guint64>(asi.get_data_counter()), "raw-bytes", G_TYPE_UINT64,
+        static_cast<guint64>(asi.get_raw_data_count()), "bad-bytes", G_TYPE_UINT64,
+        static_cast<guint64>(asi.get_bad_bytes()), "frames", G_TYPE_UINT64,
+        static_cast<guint64>(asi.nPushIndexFrame.load()), "dropped-frames", G_TYPE_UINT64,
+        static_cast<guint64>(asi.nDroppedFrame.load()), "fake-frames", G_TYPE_UINT64,
+        static_cast<guint64>(asi.nFakeFrames.load()), "map-delay-min", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_map_delay.min()), "map-delay-avg", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_map_delay.avr()), "map-delay-max", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_map_delay.max()), "push-delay-min", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_push_delay.min()), "push-delay-avg", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_push_delay.avr()), "push-delay-max", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_push_delay.max()), "frame-interval-min", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_delay_between_frame.min()), "frame-interval-avg", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_delay_between_frame.avr()), "frame-interval-max", G_TYPE_UINT64,
+        static_cast<guint64>(asi.m_delay_between_frame.max()), "last-error", G_TYPE_STRING, asi.get_errors().c_str(),
+        nullptr);
+    // clang-format on
     g_value_take_boxed(value, stats);
 }
 
@@ -182,8 +159,7 @@ GstStateChangeReturn vq_asi_capture::change_state(GstStateChange transition) {
         GST_INFO_OBJECT(element, "PAUSED_TO_PLAYING");
         start();
         break;
-    default:
-        break;
+    default: break;
     }
 
     const GstStateChangeReturn ret = m_pParentClass->change_state(element, transition);
@@ -206,8 +182,7 @@ GstStateChangeReturn vq_asi_capture::change_state(GstStateChange transition) {
         GST_INFO_OBJECT(element, "READY_TO_NULL: closing the device");
         close();
         break;
-    default:
-        break;
+    default: break;
     }
     return ret;
 }
@@ -254,15 +229,13 @@ void vq_asi_capture::post_alarm_message(const vq_alarm_data& data) {
     const gint pid = is_input_alarm(data.code) ? -1 : static_cast<gint>(data.stream_pid);
     GST_DEBUG_OBJECT(element, "alarm %d %s: %s (pid %d, count %u)", data.code, data.active ? "active" : "cleared",
                      data.description.c_str(), pid, data.count);
-    GstStructure* s = gst_structure_new("vqasi-alarm",
-                                        "code", G_TYPE_INT, static_cast<gint>(data.code),
-                                        "level", G_TYPE_INT, static_cast<gint>(data.level),
-                                        "description", G_TYPE_STRING, data.description.c_str(),
-                                        "source", G_TYPE_STRING, source.c_str(),
-                                        "pid", G_TYPE_INT, pid,
-                                        "active", G_TYPE_BOOLEAN, data.active ? TRUE : FALSE,
-                                        "count", G_TYPE_UINT, static_cast<guint>(data.count),
-                                        "reg-time", G_TYPE_STRING, data.reg_time.c_str(), nullptr);
+    // clang-format off: one field a line
+    GstStructure* s = gst_structure_new(
+        "vqasi-alarm", "code", G_TYPE_INT, static_cast<gint>(data.code), "level", G_TYPE_INT,
+        static_cast<gint>(data.level), "description", G_TYPE_STRING, data.description.c_str(), "source", G_TYPE_STRING,
+        source.c_str(), "pid", G_TYPE_INT, pid, "active", G_TYPE_BOOLEAN, data.active ? TRUE : FALSE, "count",
+        G_TYPE_UINT, static_cast<guint>(data.count), "reg-time", G_TYPE_STRING, data.reg_time.c_str(), nullptr);
+    // clang-format on
     gst_element_post_message(element, gst_message_new_element(GST_OBJECT(element), s));
 }
 
@@ -307,8 +280,7 @@ bool vq_asi_capture::start() {
         m_capture.join_returned();
         release_capture();
         break;
-    case vq_capture_thread::eIdle:
-        break;
+    case vq_capture_thread::eIdle: break;
     }
     begin_capture(m_eInputType, m_nPLP);
     // Unlinked, the element plays but captures nothing.
@@ -336,8 +308,7 @@ void vq_asi_capture::begin_capture(eInputType inputType, uint8_t plp) {
         m_pDataProvider = std::make_shared<vq_mpegts_provider>(m_asi_pad, m_pAsiBufferPool, m_statistics, m_alarms);
         break;
     case eInputT2MI:
-        m_pDataProvider =
-            std::make_shared<vq_t2mi_provider>(m_asi_pad, m_pAsiBufferPool, m_statistics, plp, m_alarms);
+        m_pDataProvider = std::make_shared<vq_t2mi_provider>(m_asi_pad, m_pAsiBufferPool, m_statistics, plp, m_alarms);
         break;
     }
 }
@@ -377,9 +348,8 @@ void vq_asi_capture::work_asi_thread(std::future<void>&& exit) {
         if (exit.wait_for(std::chrono::milliseconds(waitMs)) == std::future_status::ready)
             return;
         push_pending_eos();
-        m_statistics.set_system_time(
-            static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now() - tThreadStart)
-                                      .count()));
+        m_statistics.set_system_time(static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(steady::now() - tThreadStart).count()));
         if (!m_asi.is_open())
             continue;
 

@@ -47,8 +47,7 @@ gboolean gst_pad_asi_sink_event(GstPad* pad, GstObject* parent, GstEvent* event)
         gst_event_parse_qos(event, &type, &proportion, &diff, &timestamp);
         break;
     }
-    default:
-        break;
+    default: break;
     }
     // Passed on, but the sender always hears "not handled".
     gst_pad_event_default(pad, parent, event);

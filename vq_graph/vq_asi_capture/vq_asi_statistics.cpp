@@ -38,9 +38,8 @@ std::string vq_video_statistics::get_state_string() const {
 }
 
 std::string vq_video_statistics::get_state_counter() const {
-    return std::to_string(nSignalNoData) + "/" + std::to_string(nSignalNoLink) + "/" +
-           std::to_string(nSignalNoLock) + "/" + std::to_string(nSignalRange) + "/" +
-           std::to_string(nSignalUnknown);
+    return std::to_string(nSignalNoData) + "/" + std::to_string(nSignalNoLink) + "/" + std::to_string(nSignalNoLock) +
+           "/" + std::to_string(nSignalRange) + "/" + std::to_string(nSignalUnknown);
 }
 
 void vq_video_statistics::set_error(const std::string& error) {
@@ -94,6 +93,4 @@ std::vector<std::pair<std::string, std::string>> vq_asi_statistics::get_items() 
     };
 }
 
-void vq_asi_statistics::reset() {
-    m_asi.reset();
-}
+void vq_asi_statistics::reset() { m_asi.reset(); }

@@ -18,22 +18,24 @@ void vq_base_alarms_helper::stop() {
     }
 }
 
-std::shared_ptr<vq_i_alarm_event> vq_base_alarms_helper::add_alarm(
-    std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level, const std::string& source,
-    const std::string& description, uint32_t stream_type, uint32_t stream_pid) {
-    return insert_alarm(std::make_shared<vq_alarm_event>(duration, code, level, source, description,
-                                                         stream_type, stream_pid));
+std::shared_ptr<vq_i_alarm_event> vq_base_alarms_helper::add_alarm(std::chrono::seconds duration, VQAlarmCode code,
+                                                                   VQAlarmLevel level, const std::string& source,
+                                                                   const std::string& description, uint32_t stream_type,
+                                                                   uint32_t stream_pid) {
+    return insert_alarm(
+        std::make_shared<vq_alarm_event>(duration, code, level, source, description, stream_type, stream_pid));
 }
 
-std::shared_ptr<vq_i_alarm_event> vq_base_alarms_helper::add_alarm_counter(
-    std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level, const std::string& source,
-    const std::string& description, uint32_t stream_type, uint32_t stream_pid) {
-    return insert_alarm(std::make_shared<vq_alarm_counter>(duration, code, level, source,
-                                                           description, stream_type, stream_pid));
+std::shared_ptr<vq_i_alarm_event> vq_base_alarms_helper::add_alarm_counter(std::chrono::seconds duration,
+                                                                           VQAlarmCode code, VQAlarmLevel level,
+                                                                           const std::string& source,
+                                                                           const std::string& description,
+                                                                           uint32_t stream_type, uint32_t stream_pid) {
+    return insert_alarm(
+        std::make_shared<vq_alarm_counter>(duration, code, level, source, description, stream_type, stream_pid));
 }
 
-std::shared_ptr<vq_i_alarm_event> vq_base_alarms_helper::insert_alarm(
-    std::shared_ptr<vq_i_alarm_event> alarm) {
+std::shared_ptr<vq_i_alarm_event> vq_base_alarms_helper::insert_alarm(std::shared_ptr<vq_i_alarm_event> alarm) {
     std::lock_guard<std::mutex> lock(m_cs);
     const auto found = m_mapAlarms.find(alarm->hash());
     if (found != m_mapAlarms.end())

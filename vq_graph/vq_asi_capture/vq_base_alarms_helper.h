@@ -27,15 +27,13 @@ public:
 
     // A watchdog (add_alarm) or counter (add_alarm_counter) alarm; when one with the
     // same hash is registered already, that one is returned instead.
-    std::shared_ptr<vq_i_alarm_event> add_alarm(std::chrono::seconds duration, VQAlarmCode code,
-                                                VQAlarmLevel level, const std::string& source,
-                                                const std::string& description,
+    std::shared_ptr<vq_i_alarm_event> add_alarm(std::chrono::seconds duration, VQAlarmCode code, VQAlarmLevel level,
+                                                const std::string& source, const std::string& description,
                                                 uint32_t stream_type, uint32_t stream_pid);
-    std::shared_ptr<vq_i_alarm_event> add_alarm_counter(std::chrono::seconds duration,
-                                                        VQAlarmCode code, VQAlarmLevel level,
-                                                        const std::string& source,
-                                                        const std::string& description,
-                                                        uint32_t stream_type, uint32_t stream_pid);
+    std::shared_ptr<vq_i_alarm_event> add_alarm_counter(std::chrono::seconds duration, VQAlarmCode code,
+                                                        VQAlarmLevel level, const std::string& source,
+                                                        const std::string& description, uint32_t stream_type,
+                                                        uint32_t stream_pid);
     // Withdraws the alarm from the manager (when registered) and drops it.
     void remove_alarm(const std::shared_ptr<vq_i_alarm_event>& alarm);
 

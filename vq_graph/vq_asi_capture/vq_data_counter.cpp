@@ -13,9 +13,7 @@ void vq_data_counter::clear() {
     m_nBDC = 0;
 }
 
-uint64_t vq_data_counter::get_data_count() const {
-    return m_nDataCounter.load(std::memory_order_relaxed);
-}
+uint64_t vq_data_counter::get_data_count() const { return m_nDataCounter.load(std::memory_order_relaxed); }
 
 uint64_t vq_data_counter::get_bit_rate() const {
     const auto now = std::chrono::steady_clock::now();

@@ -10,8 +10,7 @@ const char kNoFreeBuffers[] = "No free buffers in the buffer pool";
 const char kCantPush[] = "Can't push buffer, err = ";
 }  // namespace
 
-vq_data_provider::vq_data_provider(vq_asi_pad& pad, std::shared_ptr<GstBufferPool> pool,
-                                   vq_asi_statistics& statistics)
+vq_data_provider::vq_data_provider(vq_asi_pad& pad, std::shared_ptr<GstBufferPool> pool, vq_asi_statistics& statistics)
     : m_asi_pad(pad), m_pAsiBufferPool(std::move(pool)), m_statistics(statistics) {}
 
 vq_data_provider::~vq_data_provider() {

@@ -72,8 +72,7 @@ void gst_vq_asi_capture_class_init(gpointer klass, gpointer) {
                             G_PARAM_READWRITE));
     g_object_class_install_property(
         object_class, PROP_INPUT_TYPE,
-        g_param_spec_int("input_type", "Input type", "Input stream type 0 - TS, 1 - T2MI", 0, 1, 0,
-                         G_PARAM_READWRITE));
+        g_param_spec_int("input_type", "Input type", "Input stream type 0 - TS, 1 - T2MI", 0, 1, 0, G_PARAM_READWRITE));
     g_object_class_install_property(object_class, PROP_PLP,
                                     g_param_spec_int("plp", "plp", "Index PLP", 0, 255, 0, G_PARAM_READWRITE));
     g_object_class_install_property(
@@ -113,18 +112,9 @@ gboolean plugin_init(GstPlugin* plugin) {
 }
 
 const GstPluginDesc plugin_desc = {
-    1,
-    20,
-    "vqasicapture",
-    "Korvana QMXXX ASI Capture",
-    plugin_init,
-    "1.20.1",
-    "LGPL",
-    "vqasicapture",
-    "QM100/QM200/QM300.. Gst asi capture",
-    "Korvana",
-    nullptr,
-    {},
+    1,        20,     "vqasicapture", "Korvana QMXXX ASI Capture",           plugin_init,
+    "1.20.1", "LGPL", "vqasicapture", "QM100/QM200/QM300.. Gst asi capture", "Korvana",
+    nullptr,  {},
 };
 
 }  // namespace
@@ -144,8 +134,8 @@ GType gst_vqasicapture_get_type(void) {
             gst_vq_asi_capture_init,
             nullptr,
         };
-        g_once_init_leave(&vq_asi_capture_type, g_type_register_static(GST_TYPE_ELEMENT, "GstVqAsiCaptureType",
-                                                                       &info, static_cast<GTypeFlags>(0)));
+        g_once_init_leave(&vq_asi_capture_type, g_type_register_static(GST_TYPE_ELEMENT, "GstVqAsiCaptureType", &info,
+                                                                       static_cast<GTypeFlags>(0)));
     }
     return vq_asi_capture_type;
 }
@@ -155,6 +145,5 @@ extern "C" GST_PLUGIN_EXPORT const GstPluginDesc* gst_plugin_vqasicapture_get_de
 extern "C" GST_PLUGIN_EXPORT gboolean gst_plugin_vqasicapture_register(void) {
     return gst_plugin_register_static(plugin_desc.major_version, plugin_desc.minor_version, plugin_desc.name,
                                       plugin_desc.description, plugin_desc.plugin_init, plugin_desc.version,
-                                      plugin_desc.license, plugin_desc.source, plugin_desc.package,
-                                      plugin_desc.origin);
+                                      plugin_desc.license, plugin_desc.source, plugin_desc.package, plugin_desc.origin);
 }

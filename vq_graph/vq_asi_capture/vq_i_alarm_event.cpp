@@ -6,8 +6,7 @@
 #include "mpegcore/VQStringUtils.h"
 
 vq_i_alarm_event::vq_i_alarm_event(VQAlarmCode code, VQAlarmLevel level, const std::string& source,
-                                   const std::string& description, uint32_t stream_type,
-                                   uint32_t stream_pid) {
+                                   const std::string& description, uint32_t stream_type, uint32_t stream_pid) {
     // The identity: equal code, level, source and description make one alarm.
     const std::string identity = std::to_string(code) + std::to_string(level) + source + description;
     m_data.hash = std::to_string(std::hash<std::string>{}(identity));
@@ -29,15 +28,13 @@ bool vq_i_alarm_event::active() {
     return m_data.active;
 }
 
-std::string vq_i_alarm_event::hash() const {
-    return m_data.hash;
-}
+std::string vq_i_alarm_event::hash() const { return m_data.hash; }
 
 std::string vq_i_alarm_event::get_log_message() const {
     std::lock_guard<std::mutex> lock(m_csData);
     return "code=" + std::to_string(m_data.code) + ", level=" + std::to_string(m_data.level) +
-           ", reg_time=" + m_data.reg_time + ", source=" + m_data.source +
-           ", description=" + m_data.description + ", count=" + std::to_string(m_data.count);
+           ", reg_time=" + m_data.reg_time + ", source=" + m_data.source + ", description=" + m_data.description +
+           ", count=" + std::to_string(m_data.count);
 }
 
 std::string vq_i_alarm_event::current_reg_time() {

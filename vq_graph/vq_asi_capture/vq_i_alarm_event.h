@@ -36,8 +36,8 @@ public:
     void set_transition_observer(std::weak_ptr<const transition_observer> observer);
 
 protected:
-    vq_i_alarm_event(VQAlarmCode code, VQAlarmLevel level, const std::string& source,
-                     const std::string& description, uint32_t stream_type, uint32_t stream_pid);
+    vq_i_alarm_event(VQAlarmCode code, VQAlarmLevel level, const std::string& source, const std::string& description,
+                     uint32_t stream_type, uint32_t stream_pid);
 
     // The current wall-clock time as "dd.MM.yyyy hh:mm:ss" in UTC.
     static std::string current_reg_time();

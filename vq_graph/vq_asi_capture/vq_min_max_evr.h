@@ -34,8 +34,7 @@ public:
         }
         m_list.push_back(value);
         m_accum += static_cast<int64_t>(value);
-        m_avr.store(static_cast<T>(m_accum / static_cast<int64_t>(m_list.size())),
-                    std::memory_order_relaxed);
+        m_avr.store(static_cast<T>(m_accum / static_cast<int64_t>(m_list.size())), std::memory_order_relaxed);
     }
 
     // "min/avr/max"; before the first value the minimum shows its initial all-ones value.

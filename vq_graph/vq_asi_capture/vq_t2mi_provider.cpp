@@ -2,8 +2,8 @@
 
 #include <utility>
 
-vq_t2mi_provider::vq_t2mi_provider(vq_asi_pad& pad, std::shared_ptr<GstBufferPool> pool,
-                                   vq_asi_statistics& statistics, uint8_t plp, vq_alarms_dispatcher& alarms)
+vq_t2mi_provider::vq_t2mi_provider(vq_asi_pad& pad, std::shared_ptr<GstBufferPool> pool, vq_asi_statistics& statistics,
+                                   uint8_t plp, vq_alarms_dispatcher& alarms)
     : vq_data_provider(pad, std::move(pool), statistics), CT2MIToTS(true), m_plp(plp), m_alarms(alarms) {
     SetPLPID(plp);
 }

@@ -11,8 +11,8 @@
 
 class vq_t2mi_provider : public vq_data_provider, mpegcore::CT2MIToTS {
 public:
-    vq_t2mi_provider(vq_asi_pad& pad, std::shared_ptr<GstBufferPool> pool, vq_asi_statistics& statistics,
-                     uint8_t plp, vq_alarms_dispatcher& alarms);
+    vq_t2mi_provider(vq_asi_pad& pad, std::shared_ptr<GstBufferPool> pool, vq_asi_statistics& statistics, uint8_t plp,
+                     vq_alarms_dispatcher& alarms);
 
     // Feeds one carrier packet to the decapsulator. Always true.
     bool push_data(unsigned long pts, unsigned char* data, unsigned long size, bool withSync) override;

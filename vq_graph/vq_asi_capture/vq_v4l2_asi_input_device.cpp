@@ -187,7 +187,8 @@ bool vq_v4l2_asi_input_device::mmap_buffers() {
     // Multi-planar entries point at their own plane: no reallocation once mapping starts.
     m_vVideoBuf.reserve(req.count);
     for (uint32_t i = 0; i < req.count; ++i) {
-        bool mapped = is_multi_planar() ? map_multi_planar_buffer(i, req.count) : map_single_planar_buffer(i, req.count);
+        bool mapped =
+            is_multi_planar() ? map_multi_planar_buffer(i, req.count) : map_single_planar_buffer(i, req.count);
         if (!mapped) {
             g_print("vqasicapture: Can't map video buffers\n");
             return false;
@@ -288,16 +289,11 @@ vq_signal_state vq_v4l2_asi_input_device::get_signal_state() {
     if (ioctl(m_hVideo, VIDIOC_QUERY_DV_TIMINGS, &timings) == 0)
         return vq_ok;
     switch (errno) {
-        case ENODATA:
-            return vq_no_data;
-        case ENOLINK:
-            return vq_no_link;
-        case ENOLCK:
-            return vq_no_lock;
-        case ERANGE:
-            return vq_range;
-        default:
-            return vq_unknown;
+    case ENODATA: return vq_no_data;
+    case ENOLINK: return vq_no_link;
+    case ENOLCK: return vq_no_lock;
+    case ERANGE: return vq_range;
+    default: return vq_unknown;
     }
 }
 
@@ -308,9 +304,9 @@ uint64_t vq_v4l2_asi_input_device::frame_num_to_time(uint64_t n) {
 }
 
 uint64_t vq_v4l2_asi_input_device::get_ms_from_last_frame() const {
-    return uint64_t(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                          m_tLastHWFrame)
-                        .count());
+    return uint64_t(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_tLastHWFrame)
+            .count());
 }
 
 bool vq_v4l2_asi_input_device::get_device_info(int fd) {
