@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs every test suite in a normal build
+# Installs what is missing, checks the sources' layout (.clang-format), then
+# builds and runs every test suite in a normal build
 # and an AddressSanitizer + UndefinedBehaviorSanitizer build, the multi-threaded
 # suites under ThreadSanitizer, the library's fuzzers for a bounded time, and the
 # install check (installed headers, pkg-config files, example and tools), and the
@@ -8,6 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/setup-deps.sh
+bash scripts/check-format.sh
 
 JOBS=${JOBS:-$(nproc)}
 # Cache hits across clones: paths are hashed relative to the checkout.
