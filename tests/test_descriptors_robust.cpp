@@ -10,6 +10,7 @@
 
 #include "mpegcore/vqdescriptorlist.h"
 #include "support/descriptor_bytes.h"
+#include "support/sanitizer.h"
 
 using namespace mpegcore;
 using vq_test::Bytes;
@@ -18,7 +19,7 @@ namespace {
 
 // The unoptimised sanitizer build runs about a hundred times slower, so it
 // takes a fixed-seed eighth of the loops.
-#if defined(__SANITIZE_ADDRESS__)
+#ifdef VQ_UNDER_ASAN
 constexpr int kLoops = 25000;
 #else
 constexpr int kLoops = 200000;

@@ -29,18 +29,11 @@
 #include <vector>
 
 #include "element/element_test_util.h"
+#include "support/sanitizer.h"
 #include "support/test_data.h"
 #include "vq_asi_capture/vq_alarm_data.h"
 #include "vq_polling_alarm_manager.h"
 #include "vqasisim_testing.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define VQ_SOAK_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VQ_SOAK_ASAN 1
-#endif
-#endif
 
 namespace {
 
@@ -455,7 +448,7 @@ void run_soak(const soak_setup& setup) {
         EXPECT_GT(checker.packets, uint64_t(runSeconds) * 1000);
     }
 
-#ifndef VQ_SOAK_ASAN
+#ifndef VQ_UNDER_ASAN
     // Flat after warm-up (the sanitizer build keeps freed memory in quarantine,
     // and LeakSanitizer checks it instead).
     ASSERT_GT(fig.rssWarm, 0u);

@@ -21,20 +21,13 @@
 #include <thread>
 #include <vector>
 
+#include "support/sanitizer.h"
 #include "support/test_data.h"
 #include "tools/background_process.h"
 #include "tools/http_fetch.h"
 #include "tools/temp_dir.h"
 #include "tools/tool_runner.h"
 #include "vqasisim_testing.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define VQ_SOAK_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VQ_SOAK_ASAN 1
-#endif
-#endif
 
 namespace {
 
@@ -217,7 +210,7 @@ TEST(VqasiMonitorSoak, FourFullRatePortsWithFaultsRunFlatAndAgreeWithTheBoards) 
                 static_cast<unsigned long long>(warmRss), warmUp, static_cast<unsigned long long>(maxRss),
                 static_cast<unsigned long long>(rss.back().second));
     ASSERT_GT(warmRss, 0u);
-#ifndef VQ_SOAK_ASAN
+#ifndef VQ_UNDER_ASAN
     // The sanitizer build keeps freed memory in quarantine; LeakSanitizer checks it instead.
     EXPECT_LE(maxRss, warmRss * 105 / 100) << "the monitor's memory grows";
 #endif
