@@ -32,6 +32,12 @@ struct HeldPush {
     }
 };
 
+// A thread caught in its push, and a stop that left it there.
+void launch_held_and_stop(vq_capture_thread& t, HeldPush& push) {
+    t.launch(push.body());
+    ASSERT_FALSE(t.stop(true, 10ms));
+}
+
 bool wait_for_state(const vq_capture_thread& t, vq_capture_thread::eState s) {
     for (int i = 0; i < 2000 && t.state() != s; ++i)
         std::this_thread::sleep_for(1ms);
@@ -70,8 +76,7 @@ TEST(CaptureThread, ThreadThatReturnedIsJoinedOnRequest) {
 TEST(CaptureThread, StopLeavesAThreadCaughtInAPushAndMarksItDropping) {
     vq_capture_thread t;
     HeldPush push;
-    t.launch(push.body());
-    EXPECT_FALSE(t.stop(true, 20ms));
+    launch_held_and_stop(t, push);
     EXPECT_EQ(t.state(), vq_capture_thread::eStopping);
     EXPECT_TRUE(t.dropping());
     // A stop that may not defer (close) waits for the push to return.
@@ -87,8 +92,7 @@ TEST(CaptureThread, StopLeavesAThreadCaughtInAPushAndMarksItDropping) {
 TEST(CaptureThread, StartAfterADeferredStopRunsOnceThePreviousThreadReturned) {
     vq_capture_thread t;
     HeldPush push;
-    t.launch(push.body());
-    ASSERT_FALSE(t.stop(true, 10ms));
+    launch_held_and_stop(t, push);
 
     std::atomic<bool> previousDone{false};
     std::atomic<bool> bodyRan{false};
@@ -119,8 +123,7 @@ TEST(CaptureThread, StartAfterADeferredStopRunsOnceThePreviousThreadReturned) {
 TEST(CaptureThread, StopDuringADeferredStartSkipsTheStartsBody) {
     vq_capture_thread t;
     HeldPush push;
-    t.launch(push.body());
-    ASSERT_FALSE(t.stop(true, 10ms));
+    launch_held_and_stop(t, push);
     std::atomic<bool> bodyRan{false};
     t.launch_after_previous([&](std::future<void>) { bodyRan = true; });
     // Stopped again before the previous thread returned: nothing of the start runs.
