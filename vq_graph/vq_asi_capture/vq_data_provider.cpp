@@ -40,7 +40,7 @@ bool vq_data_provider::begin_buffer(unsigned long pts) {
     GstBuffer* buffer = get_free_buffer(m_pAsiBufferPool);
     if (buffer) {
         buffer = gst_buffer_make_writable(buffer);
-        if (!gst_buffer_map(buffer, &m_map, GST_MAP_WRITE)) {
+        if (!map_for_writing(buffer)) {
             gst_buffer_unref(buffer);
             buffer = nullptr;
         } else if (m_map.size < m_nPacketCount * ts_packet_size) {
@@ -95,12 +95,34 @@ bool vq_data_provider::push_data(unsigned long pts, unsigned char* data, unsigne
     return true;
 }
 
+// Buffers of one memory (the pool's and our own always are) have that memory mapped
+// and resized directly: the buffer-level calls check the writability of buffer and
+// memory again on every call, which cost more than copying the packets in. The
+// buffer has just been made writable, so its memory is ours alone.
+bool vq_data_provider::map_for_writing(GstBuffer* buffer) {
+    if (gst_buffer_n_memory(buffer) != 1)
+        return gst_buffer_map(buffer, &m_map, GST_MAP_WRITE);
+    // A reference for the mapping, as gst_buffer_map takes: gst_buffer_unmap drops it.
+    GstMemory* memory = gst_buffer_get_memory(buffer, 0);
+    if (gst_memory_map(memory, &m_map, GST_MAP_WRITE))
+        return true;
+    gst_memory_unref(memory);
+    return false;
+}
+
+void vq_data_provider::set_buffer_size(GstBuffer* buffer, size_t size) {
+    if (gst_buffer_get_size(buffer) == size)
+        return;
+    if (gst_buffer_n_memory(buffer) == 1)
+        gst_memory_resize(gst_buffer_peek_memory(buffer, 0), 0, size);
+    else
+        gst_buffer_set_size(buffer, static_cast<gssize>(size));
+}
+
 void vq_data_provider::push_buffer() {
     GstBuffer* buffer = std::exchange(m_pGstBuffer, nullptr);
     gst_buffer_unmap(buffer, &m_map);
-    // Pool buffers are usually seven packets long already; resizing checks every memory.
-    if (gst_buffer_get_size(buffer) != m_gstBufferSize)
-        gst_buffer_set_size(buffer, static_cast<gssize>(m_gstBufferSize));
+    set_buffer_size(buffer, m_gstBufferSize);
     m_gstBufferSize = 0;
     const GstFlowReturn ret = gst_pad_push(m_asi_pad.pad, buffer);
     m_eLastFlow = ret;

@@ -46,5 +46,7 @@ protected:
 
 private:
     bool begin_buffer(unsigned long pts);
+    bool map_for_writing(GstBuffer* buffer);
+    static void set_buffer_size(GstBuffer* buffer, size_t size);
     void push_buffer();
 };
